@@ -1,0 +1,131 @@
+// platform/log/LogClass.cpp: LogClass over log4cxx. Every line of the process
+// goes through the root logger's one appender; each LogClass is a named
+// logger below it, so SetName and SetBase only pick loggers.
+#include "platform/log/LogClass.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cctype>
+
+#include <log4cxx/fileappender.h>
+#include <log4cxx/helpers/pool.h>
+#include <log4cxx/level.h>
+#include <log4cxx/net/syslogappender.h>
+#include <log4cxx/patternlayout.h>
+
+LogClass Log;
+
+LogClass& GetIpcLog()
+{
+    static LogClass ipcLog;
+    return ipcLog;
+}
+
+namespace {
+
+log4cxx::LevelPtr LevelByNumber(int level)
+{
+    switch (level) {
+    case LogClass::Fatal:
+        return log4cxx::Level::getFatal();
+    case LogClass::Warn:
+        return log4cxx::Level::getWarn();
+    case LogClass::Info:
+        return log4cxx::Level::getInfo();
+    case LogClass::Debug:
+        return log4cxx::Level::getDebug();
+    default:
+        return log4cxx::Level::getError();
+    }
+}
+
+// Null for a name that is not one of the five levels.
+log4cxx::LevelPtr LevelByName(std::string levelName)
+{
+    for (char& c : levelName)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (levelName == "debug")
+        return log4cxx::Level::getDebug();
+    if (levelName == "info")
+        return log4cxx::Level::getInfo();
+    if (levelName == "warn")
+        return log4cxx::Level::getWarn();
+    if (levelName == "error")
+        return log4cxx::Level::getError();
+    if (levelName == "fatal")
+        return log4cxx::Level::getFatal();
+    return log4cxx::LevelPtr();
+}
+
+// The file appender reports an unopenable file only to its own error
+// handler; try the open ourselves so that Initialize can say false.
+bool CanAppendTo(const std::string& path)
+{
+    int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
+    if (fd < 0)
+        return false;
+    (void)::close(fd); // opened only as a probe; nothing was written
+    return true;
+}
+
+} // namespace
+
+LogClass::LogClass() : logger(log4cxx::Logger::getRootLogger()) {}
+
+void LogClass::forcedLog(int level, const std::string& text) const
+{
+    logger->forcedLog(LevelByNumber(level), text);
+}
+
+void LogClass::SetName(const std::string& newName)
+{
+    name = newName;
+    logger = name.empty() ? log4cxx::Logger::getRootLogger() : log4cxx::Logger::getLogger(name);
+}
+
+bool LogClass::SetBase(const LogClass& base, const std::string& levelName)
+{
+    log4cxx::LevelPtr level = LevelByName(levelName);
+    if (!level)
+        return false;
+    const std::string suffix = name.empty() ? std::string("ipc") : name;
+    SetName(base.name.empty() ? suffix : base.name + "." + suffix);
+    logger->setLevel(level);
+    return true;
+}
+
+bool LogClass::Initialize(const std::string& target, const std::string& levelName,
+                          const std::string& facility, bool, bool, const std::string& pattern)
+{
+    log4cxx::LevelPtr level = LevelByName(levelName);
+    if (!level)
+        return false;
+
+    log4cxx::LayoutPtr layout = std::make_shared<log4cxx::PatternLayout>(pattern);
+    log4cxx::AppenderPtr appender;
+    if (target == "syslog") {
+        int facilityCode = log4cxx::net::SyslogAppender::getFacility(facility);
+        if (facilityCode < 0)
+            return false;
+        appender = std::make_shared<log4cxx::net::SyslogAppender>(layout, facilityCode);
+    } else {
+        if (!CanAppendTo(target))
+            return false;
+        auto fileAppender = std::make_shared<log4cxx::FileAppender>();
+        fileAppender->setLayout(layout);
+        fileAppender->setFile(target);
+        fileAppender->setAppend(true);
+        // Every line must be in the file when the reply goes out.
+        fileAppender->setImmediateFlush(true);
+        log4cxx::helpers::Pool pool;
+        fileAppender->activateOptions(pool);
+        appender = fileAppender;
+    }
+
+    log4cxx::LoggerPtr root = log4cxx::Logger::getRootLogger();
+    root->removeAllAppenders();
+    root->addAppender(appender);
+    root->setLevel(level);
+    return true;
+}

@@ -1,0 +1,11 @@
+// spool/SpoolUpdate.h: UpdateSpoolFile writes the daemon's changed message
+// copy back over the spool file's message part, in place (ZMailer holds the
+// inode). spoolFd must already stand at envelopeSize. Returns fsync's result;
+// throws std::domain_error on every other failure.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+int UpdateSpoolFile(const std::string& copyPath, int spoolFd, int64_t receivedSize,
+                    const char* spoolPath, int64_t envelopeSize);

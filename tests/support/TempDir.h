@@ -1,0 +1,47 @@
+// tests/support/TempDir.h: a fresh directory under the system's temporary
+// directory, removed with everything in it when the object goes; and small
+// whole-file helpers for comparing exact bytes.
+#pragma once
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include <boost/filesystem.hpp>
+
+class TempDir {
+public:
+    TempDir()
+    {
+        path = boost::filesystem::temp_directory_path() /
+               boost::filesystem::unique_path("vorex-test-%%%%-%%%%-%%%%");
+        boost::filesystem::create_directories(path);
+    }
+    ~TempDir()
+    {
+        boost::system::error_code ignored; // best effort: a test's leftovers
+        boost::filesystem::remove_all(path, ignored);
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const boost::filesystem::path& Path() const { return path; }
+    std::string operator/(const std::string& name) const { return (path / name).string(); }
+
+private:
+    boost::filesystem::path path;
+};
+
+inline void WriteFile(const std::string& path, const std::string& bytes)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+inline std::string ReadFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream bytes;
+    bytes << in.rdbuf();
+    return bytes.str();
+}
