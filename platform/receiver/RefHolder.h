@@ -27,6 +27,7 @@ public:
 
     T* Get() const { return object; }
     T* operator->() const { return object; }
+    T& operator*() const { return *object; }
     explicit operator bool() const { return object != nullptr; }
 
 private:
