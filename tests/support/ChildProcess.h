@@ -1,0 +1,154 @@
+// tests/support/ChildProcess.h: runs a program as a child with its standard
+// input, output and error on pipes, for tests that talk to the real binaries.
+// Reads wait at most a generous bound so that a broken program fails the test
+// instead of hanging it; the bound is never a timing assertion.
+#pragma once
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+class ChildProcess {
+public:
+    static constexpr int ReadBoundMs = 20000;
+
+    explicit ChildProcess(const std::vector<std::string>& argv, const std::string& workDir = "")
+    {
+        int in[2], out[2], err[2];
+        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 ||
+            ::pipe2(err, O_CLOEXEC) != 0)
+            throw std::runtime_error("pipe failed");
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+        posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+        if (!workDir.empty())
+            posix_spawn_file_actions_addchdir_np(&actions, workDir.c_str());
+        std::vector<char*> args;
+        for (const std::string& arg : argv)
+            args.push_back(const_cast<char*>(arg.c_str()));
+        args.push_back(nullptr);
+        int rc = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(in[0]);
+        ::close(out[1]);
+        ::close(err[1]);
+        stdinFd = in[1];
+        stdoutFd = out[0];
+        stderrFd = err[0];
+        if (rc != 0)
+            throw std::runtime_error("cannot start " + argv[0]);
+    }
+
+    ~ChildProcess()
+    {
+        CloseStdin();
+        if (pid > 0) {
+            ::kill(pid, SIGKILL);
+            int status;
+            ::waitpid(pid, &status, 0);
+        }
+        ::close(stdoutFd);
+        ::close(stderrFd);
+    }
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    pid_t Pid() const { return pid; }
+
+    void Write(const std::string& bytes)
+    {
+        std::size_t done = 0;
+        while (done < bytes.size()) {
+            ssize_t n = ::write(stdinFd, bytes.data() + done, bytes.size() - done);
+            if (n <= 0)
+                throw std::runtime_error("write to child failed");
+            done += static_cast<std::size_t>(n);
+        }
+    }
+
+    void CloseStdin()
+    {
+        if (stdinFd >= 0)
+            ::close(stdinFd);
+        stdinFd = -1;
+    }
+
+    // Reads standard output until it ends with suffix (or the bound runs out,
+    // or the output ends); returns everything read since the last call.
+    std::string ReadStdoutUntil(const std::string& suffix) { return ReadUntil(stdoutFd, outBuf, suffix); }
+    std::string ReadStderrUntil(const std::string& suffix) { return ReadUntil(stderrFd, errBuf, suffix); }
+
+    // Waits for the end and returns the exit status (128 + signal when killed),
+    // collecting whatever output is left.
+    int Wait(std::string* restOfStdout = nullptr, std::string* restOfStderr = nullptr)
+    {
+        CloseStdin();
+        std::string out = ReadUntil(stdoutFd, outBuf, std::string());
+        std::string err = ReadUntil(stderrFd, errBuf, std::string());
+        if (restOfStdout != nullptr)
+            *restOfStdout = out;
+        if (restOfStderr != nullptr)
+            *restOfStderr = err;
+        int status = 0;
+        if (pid > 0)
+            ::waitpid(pid, &status, 0);
+        pid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+    // Never signals after Wait: pid -1 would reach every process.
+    void Signal(int sig)
+    {
+        if (pid > 0)
+            ::kill(pid, sig);
+    }
+
+private:
+    // An empty suffix reads to the end of the output.
+    static std::string ReadUntil(int fd, std::string& pending, const std::string& suffix)
+    {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ReadBoundMs);
+        for (;;) {
+            if (!suffix.empty()) {
+                std::size_t at = pending.find(suffix);
+                if (at != std::string::npos) {
+                    std::string taken = pending.substr(0, at + suffix.size());
+                    pending.erase(0, at + suffix.size());
+                    return taken;
+                }
+            }
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            pollfd p = {fd, POLLIN, 0};
+            if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0)
+                break;
+            char block[4096];
+            ssize_t n = ::read(fd, block, sizeof block);
+            if (n <= 0)
+                break;
+            pending.append(block, static_cast<std::size_t>(n));
+        }
+        std::string taken;
+        taken.swap(pending);
+        return taken;
+    }
+
+    pid_t pid = -1;
+    int stdinFd = -1;
+    int stdoutFd = -1;
+    int stderrFd = -1;
+    std::string outBuf;
+    std::string errBuf;
+};

@@ -1,0 +1,42 @@
+// tests/support/RefDaemon.h: the reference daemon quelt-refd running on a
+// base directory for one test, started and ready (it has said that it
+// listens) when the constructor returns, stopped with SIGTERM at the end.
+#pragma once
+
+#include <signal.h>
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "support/ChildProcess.h"
+
+class RefDaemon {
+public:
+    RefDaemon(const std::string& basedir, std::vector<std::string> extraArgs = {})
+    {
+        std::vector<std::string> argv = {QUELT_REFD, "--basedir", basedir};
+        argv.insert(argv.end(), extraArgs.begin(), extraArgs.end());
+        process = std::make_unique<ChildProcess>(argv);
+        std::string said = process->ReadStderrUntil("\n");
+        if (said.find("listening on") == std::string::npos)
+            throw std::runtime_error("quelt-refd did not start: " + said);
+    }
+    ~RefDaemon()
+    {
+        process->Signal(SIGTERM);
+        (void)process->Wait();
+    }
+    RefDaemon(const RefDaemon&) = delete;
+    RefDaemon& operator=(const RefDaemon&) = delete;
+
+    // Stops the daemon and returns the status and what it logged.
+    int Stop(std::string* log)
+    {
+        process->Signal(SIGTERM);
+        return process->Wait(nullptr, log);
+    }
+
+private:
+    std::unique_ptr<ChildProcess> process;
+};
