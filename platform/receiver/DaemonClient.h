@@ -1,0 +1,21 @@
+// platform/receiver/DaemonClient.h: one bounded conversation with the checking
+// daemon, internal to the library: "CHECK <dir>\n" out, one answer line back.
+// Never throws and never waits past the deadline; every failure is logged at
+// error level and answered VerdictDaemonError.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "platform/receiver/VerdictFlags.h"
+
+// The longest answer line accepted, its line end included.
+constexpr std::size_t MaxAnswerLine = 8192;
+
+// Asks the daemon listening on socketPath for its verdict on the entry
+// directory entryDir, within timeoutSeconds (above 0) from the call. On
+// success returns the flags and sets note to the answer's text (empty when
+// the line carried none); on failure returns VerdictDaemonError with note
+// empty.
+VerdictFlags AskDaemon(const std::string& socketPath, const std::string& entryDir,
+                       int timeoutSeconds, std::string& note);
