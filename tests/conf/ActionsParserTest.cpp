@@ -61,21 +61,6 @@ ParseResult ParseProcessingErrors(const std::vector<std::string>& items)
 
 const std::string NoData = "redirect='' header=''/'' score=0";
 
-TEST(ProcessingErrors, DefinitionStartsFromReject)
-{
-    const ActionsParser::OlValue category = QueltConf::MakeProcessingErrors();
-    EXPECT_EQ(category.m_name, "ProcessingErrors");
-    EXPECT_EQ(category.m_values, std::vector<std::string>{"reject"});
-    EXPECT_EQ(category.m_valid_actions.Print(), "pass | reject | discard | tempfail");
-    EXPECT_EQ(category.m_add_actions.Print(),
-              "quarantine | redirect | notify | add-header | score");
-
-    QueltConfParser holder;
-    holder.SetObjects({ActionsParser::OlValue(category, 0)});
-    holder.GetParser().SetDefaults();
-    EXPECT_EQ(holder.GetMainAction(0), QueltAction::Reject);
-}
-
 // One item, as --error-action gives it.
 TEST(ProcessingErrors, ErrorActionOutcomes)
 {

@@ -78,37 +78,24 @@ TEST(ActionLists, KeepAscendingCodesOnceAndPrintJoined)
             list.Insert(code);
         EXPECT_EQ(list.Print(), row.printed);
         EXPECT_EQ(list.Empty(), row.inserted.empty());
-        std::string joined;
-        for (const std::string& name : list.GetNames())
-            joined += (joined.empty() ? "" : " | ") + name;
-        EXPECT_EQ(joined, row.printed);
     }
 }
 
-TEST(ActionLists, InsertReportsOnlyNewCodes)
+TEST(ActionLists, InsertReportsNewCodesAndCopiesStayApart)
 {
-    QueltActions list{QueltAction::Pass};
+    QueltActions list{QueltAction::Reject, QueltAction::Pass};
     EXPECT_FALSE(list.Insert(QueltAction::Pass));
-    EXPECT_EQ(list.GetNames(), std::vector<std::string>{"pass"});
-    EXPECT_TRUE(list.Insert(QueltAction::Notify));
-    EXPECT_TRUE(list.Contains(QueltAction::Notify));
-    EXPECT_FALSE(list.Contains(QueltAction::Reject));
+    EXPECT_EQ(list.GetNames(), (std::vector<std::string>{"pass", "reject"}));
     EXPECT_FALSE(list.Contains(QueltAction::NoAction));
-}
 
-TEST(ActionLists, CopiesAreIndependentAndClearEmptiesNames)
-{
-    const QueltActions original{QueltAction::Reject, QueltAction::Pass};
-    QueltActions copy(original);
-    copy.Insert(QueltAction::Score);
-    EXPECT_EQ(original.Print(), "pass | reject");
-    EXPECT_EQ(copy.Print(), "pass | reject | score");
-
+    QueltActions copy(list);
+    EXPECT_TRUE(copy.Insert(QueltAction::Score));
+    EXPECT_EQ(list.Print(), "pass | reject");
     copy.Clear();
     EXPECT_TRUE(copy.Empty());
     EXPECT_TRUE(copy.GetNames().empty());
     EXPECT_FALSE(copy.Contains(QueltAction::Pass));
-    EXPECT_EQ(original.Print(), "pass | reject");
+    EXPECT_TRUE(list.Contains(QueltAction::Pass));
 }
 
 } // namespace
