@@ -89,8 +89,8 @@ bool LogClass::SetBase(const LogClass& base, const std::string& levelName)
     log4cxx::LevelPtr level = LevelByName(levelName);
     if (!level)
         return false;
-    const std::string suffix = name.empty() ? std::string("ipc") : name;
-    SetName(base.name.empty() ? suffix : base.name + "." + suffix);
+    // A child logger of base's, so that its lines go where base's go.
+    SetName(base.name.empty() ? std::string("ipc") : base.name + ".ipc");
     logger->setLevel(level);
     return true;
 }

@@ -31,8 +31,8 @@ public:
     void SetName(const std::string& name);
     const std::string& GetName() const { return name; }
 
-    // Makes this log a child of base (its lines go where base's go) with its
-    // own level name. False for an unknown level name.
+    // Makes this log base's child "<base name>.ipc" (its lines go where
+    // base's go) with its own level. False for an unknown level name.
     bool SetBase(const LogClass& base, const std::string& levelName);
 
     // Sends every log line of the process to target: the word "syslog" for
