@@ -1,0 +1,165 @@
+// tests/receiver/DaemonConversationTest.cpp: ProcessMsg against a daemon
+// played by the test: the request bytes, the flags and note it reads back,
+// and the logged cause of every way the conversation can fail.
+#include <sys/stat.h>
+
+#include "PlayedDaemon.h"
+#include "ReceiverFixture.h"
+
+namespace
+{
+
+using After = PlayedDaemon::After;
+
+struct AnswerRow {
+    const char* name;
+    std::string answer;
+    After after;
+    VerdictFlags flags;
+    std::string note;
+    const char* cause; // in the error line; null when the answer is good
+};
+
+std::vector<AnswerRow> AnswerRows()
+{
+    const std::string longest = "1 " + std::string(8189, 'a') + "\n"; // 8192 bytes
+    return {
+        {"passWithNote", "1 clean\n", After::Close, 1, "clean", nullptr},
+        {"passWithoutNote", "1\n", After::Close, 1, "", nullptr},
+        {"carriageReturnDropped", "513 clean\r\n", After::Close, 513, "clean", nullptr},
+        {"blankWithoutNote", "2 \n", After::Close, 2, "", nullptr},
+        {"noteKeepsItsBlanks", "2 a  b \n", After::Close, 2, "a  b ", nullptr},
+        {"highestFlags", "4294967295\n", After::Close, 0xFFFFFFFF, "", nullptr},
+        {"leadingZeros", "0008 x\n", After::Close, 8, "x", nullptr},
+        {"zero", "0\n", After::Close, 0, "", nullptr},
+        {"bytesAfterTheLineIgnored", "4 later\nnoise", After::Close, 4, "later", nullptr},
+        {"lineOfExactlyTheLimit", longest, After::Close, 1, std::string(8189, 'a'), nullptr},
+        {"lineBeyondTheLimit", "1 " + std::string(8190, 'a') + "\n", After::WaitForClientClose,
+         VerdictDaemonError, "", "longer than 8192 bytes"},
+        {"outOfRange", "4294967296 x\n", After::Close, VerdictDaemonError, "", "bad verdict flags"},
+        {"negative", "-1 x\n", After::Close, VerdictDaemonError, "", "bad verdict flags"},
+        {"plusSign", "+1\n", After::Close, VerdictDaemonError, "", "bad verdict flags"},
+        {"blankBeforeFlags", " 1\n", After::Close, VerdictDaemonError, "", "bad verdict flags"},
+        {"tabAfterFlags", "1\tclean\n", After::Close, VerdictDaemonError, "", "bad verdict flags"},
+        {"garbage", "OK clean\n", After::Close, VerdictDaemonError, "", "bad verdict flags"},
+        {"emptyLine", "\n", After::Close, VerdictDaemonError, "", "bad verdict flags"},
+        {"closedWithoutAnswer", "", After::Close, VerdictDaemonError, "",
+         "closed the connection before a full answer line"},
+        {"closedInsideTheLine", "1 clean", After::Close, VerdictDaemonError, "",
+         "closed the connection before a full answer line"},
+    };
+}
+
+class DaemonConversation : public ReceiverFixture
+{
+};
+
+TEST_F(DaemonConversation, AnswerLines)
+{
+    for (const AnswerRow& row : AnswerRows()) {
+        SCOPED_TRACE(row.name);
+        {
+            LogCapture log;
+            RefHolder<Receiver> receiver = MakeReceiver();
+            RefHolder<MsgEntry> entry(receiver->CreateMsgEntry());
+            PlayedDaemon daemon(SocketPath(), row.answer, row.after);
+
+            EXPECT_EQ(receiver->ProcessMsg(entry.Get(), 0, 0, 0, 0), row.flags);
+            EXPECT_EQ(daemon.Finish(), "CHECK " + std::string(entry->GetDir()) + "\n");
+            EXPECT_EQ(entry->GetReplyText(), row.note);
+            std::vector<std::string> errors = LinesWith(log, "ERROR", "");
+            if (row.cause == nullptr) {
+                EXPECT_TRUE(errors.empty()) << log.Text();
+            } else {
+                EXPECT_EQ(errors.size(), 1u) << log.Text();
+                EXPECT_EQ(LinesWith(log, "ERROR", row.cause), errors);
+                EXPECT_EQ(LinesWith(log, "ERROR", SocketPath()), errors);
+            }
+        }
+        EXPECT_EQ(RefObjectLiveCount(), 0);
+        (void)::unlink(SocketPath().c_str()); // the next row listens anew
+    }
+}
+
+// The time limit bounds a daemon that takes the request and never answers.
+TEST_F(DaemonConversation, SilentDaemonEndsAtTheTimeout)
+{
+    LogCapture log;
+    RefHolder<Receiver> receiver = MakeReceiver(1);
+    RefHolder<MsgEntry> entry(receiver->CreateMsgEntry());
+    PlayedDaemon daemon(SocketPath(), "", After::WaitForClientClose);
+
+    EXPECT_EQ(receiver->ProcessMsg(entry.Get(), 0, 0, 0, 0), VerdictDaemonError);
+    EXPECT_EQ(
+        LinesWith(log, "ERROR", "no answer from daemon at " + SocketPath() + " within 1 s").size(),
+        1u)
+        << log.Text();
+}
+
+// A new conversation forgets the note of the one before.
+TEST_F(DaemonConversation, NoteIsClearedByAFailedConversation)
+{
+    RefHolder<Receiver> receiver = MakeReceiver();
+    RefHolder<MsgEntry> entry(receiver->CreateMsgEntry());
+    {
+        PlayedDaemon daemon(SocketPath(), "2 spam\n", After::Close);
+        EXPECT_EQ(receiver->ProcessMsg(entry.Get(), 0, 0, 0, 0), 2u);
+    }
+    ASSERT_EQ(::unlink(SocketPath().c_str()), 0);
+    EXPECT_EQ(receiver->ProcessMsg(entry.Get(), 0, 0, 0, 0), VerdictDaemonError);
+    EXPECT_STREQ(entry->GetReplyText(), "");
+}
+
+struct UnreachableRow {
+    const char* name;
+    bool staleSocket; // a socket file nobody listens on, or no file at all
+    const char* cause;
+};
+
+TEST_F(DaemonConversation, NobodyListening)
+{
+    const UnreachableRow rows[] = {
+        {"noSocketFile", false, "can not connect to daemon at "},
+        {"staleSocketFile", true, "can not connect to daemon at "},
+    };
+    for (const UnreachableRow& row : rows) {
+        SCOPED_TRACE(row.name);
+        if (row.staleSocket)
+            ::close(PlayedDaemon::ListenOn(SocketPath()));
+        LogCapture log;
+        RefHolder<Receiver> receiver = MakeReceiver();
+        RefHolder<MsgEntry> entry(receiver->CreateMsgEntry());
+
+        EXPECT_EQ(receiver->ProcessMsg(entry.Get(), 0, 0, 0, 0), VerdictDaemonError);
+        const std::string systemText =
+            row.staleSocket ? std::strerror(ECONNREFUSED) : std::strerror(ENOENT);
+        EXPECT_EQ(LinesWith(log, "ERROR", row.cause + SocketPath() + ":" + systemText).size(), 1u)
+            << log.Text();
+    }
+}
+
+TEST_F(DaemonConversation, SocketPathTooLong)
+{
+    const std::string deep = temp / std::string(120, 'd');
+    ASSERT_EQ(::mkdir(deep.c_str(), 0700), 0);
+    LogCapture log;
+    RefHolder<Receiver> receiver(CreateReceiver());
+    ASSERT_TRUE(receiver->Init((deep + "/").c_str(), "", ReceiverInitFlags, 10, 1, 0, 0, 0, 0, 0));
+    RefHolder<MsgEntry> entry(receiver->CreateMsgEntry());
+
+    EXPECT_EQ(receiver->ProcessMsg(entry.Get(), 0, 0, 0, 0), VerdictDaemonError);
+    EXPECT_EQ(LinesWith(log, "ERROR", "daemon socket path too long: " + deep).size(), 1u)
+        << log.Text();
+}
+
+TEST_F(DaemonConversation, RefusedWithoutInitOrEntry)
+{
+    RefHolder<Receiver> idle(CreateReceiver());
+    RefHolder<Receiver> receiver = MakeReceiver();
+    RefHolder<MsgEntry> entry(receiver->CreateMsgEntry());
+
+    EXPECT_EQ(idle->ProcessMsg(entry.Get(), 0, 0, 0, 0), VerdictDaemonError);
+    EXPECT_EQ(receiver->ProcessMsg(nullptr, 0, 0, 0, 0), VerdictDaemonError);
+}
+
+} // namespace
