@@ -43,14 +43,15 @@ struct Peer {
     int timeoutSeconds;
     int64_t deadlineMs;
 
-    // Milliseconds left until the deadline; 0 once it has passed or the
-    // clock fails.
+    // Milliseconds left until the deadline, at most what one poll can wait
+    // (a longer limit is served by further polls); 0 once it has passed or
+    // the clock fails.
     int RemainingMs() const
     {
         int64_t now = MonotonicMs();
         if (now < 0 || now >= deadlineMs)
             return 0;
-        return static_cast<int>(deadlineMs - now);
+        return static_cast<int>(std::min<int64_t>(deadlineMs - now, INT32_MAX));
     }
 
     bool LogTimeout() const
