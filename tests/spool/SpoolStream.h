@@ -1,0 +1,87 @@
+// tests/spool/SpoolStream.h: a spool file in a fresh temp directory, opened
+// the way the message job opens it (stdio "r+", fully buffered, 8192 bytes);
+// its envelope read as the job reads it; a byte pattern that never repeats a
+// block, so a misplaced block shows.
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+#include "frame/FilterSettings.h"
+#include "platform/receiver/Mail.h"
+#include "spool/EnvelopeReader.h"
+#include "support/TempDir.h"
+
+class SpoolStream
+{
+public:
+    explicit SpoolStream(const std::string& bytes) : path(dir / "spool")
+    {
+        WriteFile(path, bytes);
+        stream = std::fopen(path.c_str(), "r+");
+        if (stream != nullptr)
+            (void)std::setvbuf(stream, buffer, _IOFBF, sizeof buffer); // checked by Get's user
+    }
+    ~SpoolStream()
+    {
+        if (stream != nullptr)
+            (void)std::fclose(stream); // read-only use in the tests
+    }
+    SpoolStream(const SpoolStream&) = delete;
+    SpoolStream& operator=(const SpoolStream&) = delete;
+
+    FILE* Get() const { return stream; }
+    int Fd() const { return ::fileno(stream); }
+    std::string Bytes() const { return ReadFile(path); }
+
+    TempDir dir;
+    const std::string path;
+
+private:
+    char buffer[8192];
+    FILE* stream = nullptr;
+};
+
+// Sets the configured hash for one test and restores the old one after.
+class HashSetting
+{
+public:
+    explicit HashSetting(const std::string& hash) : saved(filterSettings.hash)
+    {
+        filterSettings.hash = hash;
+    }
+    ~HashSetting() { filterSettings.hash = saved; }
+    HashSetting(const HashSetting&) = delete;
+    HashSetting& operator=(const HashSetting&) = delete;
+
+private:
+    const std::string saved;
+};
+
+// The job's first step on a spool stream: the envelope into a fresh record.
+struct EnvelopeRead {
+    explicit EnvelopeRead(FILE* stream)
+        : size(ReadEnvelope(stream, mail, senderFound, recipientFound))
+    {
+    }
+    Mail mail;
+    bool senderFound = false;
+    bool recipientFound = false;
+    int64_t size;
+};
+
+// A string literal with its NUL bytes: Literal("a\0b") has three bytes.
+template <std::size_t N> std::string Literal(const char (&text)[N])
+{
+    return std::string(text, N - 1);
+}
+
+inline std::string Pattern(std::size_t size, uint32_t seed = 1)
+{
+    std::string bytes(size, '\0');
+    for (char& byte : bytes) {
+        seed = seed * 1103515245u + 12345u;
+        byte = static_cast<char>(seed >> 16);
+    }
+    return bytes;
+}
