@@ -11,6 +11,7 @@
 #include <log4cxx/fileappender.h>
 #include <log4cxx/helpers/pool.h>
 #include <log4cxx/level.h>
+#include <log4cxx/logmanager.h>
 #include <log4cxx/net/syslogappender.h>
 #include <log4cxx/patternlayout.h>
 
@@ -69,9 +70,24 @@ bool CanAppendTo(const std::string& path)
     return true;
 }
 
+// Until Initialize has chosen a target, nothing is logged: the back end
+// would otherwise look for configuration files of its own in the current
+// directory and complain on standard error, which smtpserver reads as part
+// of the conversation.
+log4cxx::LoggerPtr QuietRootLogger()
+{
+    static const log4cxx::LoggerPtr root = [] {
+        log4cxx::LogManager::getLoggerRepository()->setConfigured(true);
+        log4cxx::LoggerPtr logger = log4cxx::Logger::getRootLogger();
+        logger->setLevel(log4cxx::Level::getOff());
+        return logger;
+    }();
+    return root;
+}
+
 } // namespace
 
-LogClass::LogClass() : logger(log4cxx::Logger::getRootLogger()) {}
+LogClass::LogClass() : logger(QuietRootLogger()) {}
 
 void LogClass::forcedLog(int level, const std::string& text) const
 {
