@@ -1,15 +1,23 @@
 // platform/receiver/RfUtils.h: small text helpers for envelope lines and
-// addresses.
+// addresses. The address helpers share one normaliser; they never throw and
+// take any bytes.
 #pragma once
 
 #include <string>
+#include <vector>
 
-class RfUtils {
+class RfUtils
+{
 public:
     // Turns the rest of an envelope "from "/"to " line (line end included)
     // into the record's address form: the bare address between angle
     // brackets, "<>" for an empty one.
     static void MakeAddress(std::string& text);
+    // Splits an address list at the commas that stand outside quoted
+    // strings, comments, domain literals and angle brackets, and returns the
+    // address of each part in the record's address form, in order. Parts that
+    // name no address (empty, "<>", a group's "name:;") are left out.
+    static std::vector<std::string> MakeAddressList(const std::string& list);
     // True when the line holds nothing but its line end ("\n" or "\r\n").
     static bool IsJustEol(const char* line);
 };
