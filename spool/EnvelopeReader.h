@@ -1,7 +1,8 @@
 // spool/EnvelopeReader.h: ReadEnvelope reads the ZMailer envelope lines from
 // the start of the spool stream into mail and returns the offset where the
 // message part begins, leaving the stream there. Sets the two flags, never
-// clears them. Throws nothing of its own.
+// clears them. A read error ends the envelope like the end of the file; the
+// only throw is std::domain_error when the stream position cannot be taken.
 #pragma once
 
 #include <cstdint>

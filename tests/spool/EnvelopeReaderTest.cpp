@@ -1,0 +1,87 @@
+// tests/spool/EnvelopeReaderTest.cpp: keywords, their order and case, the
+// ends of an envelope, lines longer than the buffer.
+#include <gtest/gtest.h>
+
+#include "SpoolStream.h"
+#include "platform/log/LogCapture.h"
+
+namespace
+{
+
+using Strings = std::vector<std::string>;
+
+TEST(EnvelopeReader, KeywordsAndEndsInFileOrder)
+{
+    const struct {
+        const char* name;
+        std::string envelope; // the returned size is its length
+        std::string rest;
+        std::string sender;
+        Strings recipients;
+    } rows[] = {
+        {"keywordsInFileOrder",
+         "external\nfrom <a@x>\ntodsn NOTIFY=NEVER\nto <b@y>\nto <c@z>\nto <b@y>\nenv-end\n",
+         "From: h@x\n\nbody\n",
+         "<a@x>",
+         {"<b@y>", "<c@z>", "<b@y>"}},
+        {"envEof", "to <b@y>\nenv-eof\n", "from <late@x>\n", "", {"<b@y>"}},
+        {"envEndWithMoreLetters", "to <b@y>\nenv-endless\n", "to <c@z>\n", "", {"<b@y>"}},
+        {"emptyLine", "to <b@y>\n\n", "to <c@z>\n", "", {"<b@y>"}},
+        {"crLfEmptyLine", "to <b@y>\r\n\r\n", "to <c@z>\r\n", "", {"<b@y>"}},
+        {"noEndReadsToEof", "from <a@x>\nto <b@y>\n", "", "<a@x>", {"<b@y>"}},
+        {"lastLineWithoutNewline", "from <a@x>\nto <b@y>", "", "<a@x>", {"<b@y>"}},
+        {"emptyFile", "", "", "", {}},
+        {"channelErrorThenFrom",
+         "channel error\nfrom <a@x>\nto <b@y>\nenv-end\n",
+         "",
+         "<a@x>",
+         {"<b@y>"}},
+        {"fromThenChannelError", "from <a@x>\nchannel errors\nenv-end\n", "", "<>", {}},
+        {"otherCaseIsNoKeyword",
+         "From <a@x>\nTo <b@y>\nTO <c@z>\nChannel error\nENV-END\n\n",
+         "",
+         "",
+         {}},
+        {"tabIsNoBlank", "to\t<b@y>\nfrom\t<a@x>\nenv-end\n", "", "", {}},
+        {"nulAndBinaryLines",
+         Literal("\0from <x@y>\n\xff\xfeto <z@w>\nto <b@y>\nenv-end\n"),
+         "",
+         "",
+         {"<b@y>"}},
+    };
+    for (const auto& row : rows) {
+        SpoolStream spool(row.envelope + row.rest);
+        ASSERT_NE(spool.Get(), nullptr);
+        const EnvelopeRead read(spool.Get());
+        EXPECT_EQ(read.size, static_cast<int64_t>(row.envelope.size())) << row.name;
+        EXPECT_EQ(std::ftell(spool.Get()), static_cast<long>(row.envelope.size())) << row.name;
+        EXPECT_EQ(read.mail.sender, row.sender) << row.name;
+        EXPECT_EQ(read.mail.recipients, row.recipients) << row.name;
+        EXPECT_EQ(read.senderFound, !row.sender.empty()) << row.name;
+        EXPECT_EQ(read.recipientFound, !row.recipients.empty()) << row.name;
+    }
+}
+
+TEST(EnvelopeReader, LongLinesArriveInChunksJudgedAsLinesOfTheirOwn)
+{
+    // 10,000 bytes: a chunk of 8191 and one of 1809 that begins with "to ".
+    const std::string tail = "to <late@example.org>" + std::string(1809 - 22, 'b') + "\n";
+    const std::string split = "comment " + std::string(8191 - 8, 'a') + tail;
+    ASSERT_EQ(split.size(), 10000u);
+    // A "to " line too long for one chunk gives its first chunk only.
+    const std::string longTo = "to <" + std::string(9000, 'c') + ">\n";
+    SpoolStream spool(split + longTo + "env-end\n");
+    ASSERT_NE(spool.Get(), nullptr);
+    LogCapture log;
+    const EnvelopeRead read(spool.Get());
+
+    EXPECT_EQ(read.mail.recipients,
+              Strings({"<late@example.org>", "<" + std::string(8187, 'c') + ">"}));
+    const Strings lines = log.Lines();
+    ASSERT_EQ(lines.size(), 5u);
+    EXPECT_EQ(lines[0], "DEBUG null - Read: '" + split.substr(0, 8191) + "'");
+    EXPECT_EQ(lines[1], "DEBUG null - Read: '" + tail + "'");
+    EXPECT_EQ(lines[4], "DEBUG null - Read: 'env-end\n'");
+}
+
+} // namespace
