@@ -1,9 +1,11 @@
 // tests/spool/EnvelopeReaderTest.cpp: keywords, their order and case, the
-// ends of an envelope, lines longer than the buffer.
+// ends of an envelope, lines longer than the buffer, and the shared ZMailer
+// sample files read through envelope and headers.
 #include <gtest/gtest.h>
 
 #include "SpoolStream.h"
 #include "platform/log/LogCapture.h"
+#include "spool/HeaderScanner.h"
 
 namespace
 {
@@ -82,6 +84,53 @@ TEST(EnvelopeReader, LongLinesArriveInChunksJudgedAsLinesOfTheirOwn)
     EXPECT_EQ(lines[0], "DEBUG null - Read: '" + split.substr(0, 8191) + "'");
     EXPECT_EQ(lines[1], "DEBUG null - Read: '" + tail + "'");
     EXPECT_EQ(lines[4], "DEBUG null - Read: 'env-end\n'");
+}
+
+TEST(SharedSamples, EnvelopeAndHeadersReadAsZMailerWroteThem)
+{
+    const std::string samples = ZMAILER_SAMPLES_DIR;
+    if (!boost::filesystem::is_directory(samples))
+        GTEST_SKIP() << "no samples at " << samples;
+    const struct {
+        const char* file;
+        std::string sender; // after both readers
+        Strings recipients;
+        bool senderInEnvelope;
+    } rows[] = {
+        {"01-basic-esmtp.spool", "<newsletter@sender.example>", {"<john.doe@corp.example>"}, true},
+        {"02-null-sender-bounce-dsn.spool",
+         "<>",
+         {"<bob@corp.example>", "<carol@corp.example>"},
+         true},
+        {"03-auth-8bit-multi-rcpt-attachment.spool",
+         "<alice@corp.example>",
+         {"<partner@other.example>", "<team+sales@corp.example>"},
+         true},
+        {"04-plain-smtp-quoted-sender-policy-comments.spool",
+         "<\"odd user\"@spam.example>",
+         {"<postmaster@corp.example>"},
+         true},
+        {"05-router-generated-error.spool", "<>", {"<postmaster>"}, true},
+        {"06-minimal-env-eof.spool", "<local@corp.example>", {"<someone@corp.example>"}, false},
+    };
+    const HashSetting hash("no-sample-has-it"); // the header scanner runs for every sample
+    for (const auto& row : rows) {
+        const std::string bytes = ReadFile(samples + "/" + row.file);
+        ASSERT_FALSE(bytes.empty()) << row.file;
+        std::size_t end = bytes.find("env-end\n");
+        if (end == std::string::npos)
+            end = bytes.find("env-eof\n");
+        SpoolStream spool(bytes);
+        EnvelopeRead read(spool.Get());
+        EXPECT_EQ(read.size, static_cast<int64_t>(end + 8)) << row.file;
+        EXPECT_EQ(read.senderFound, row.senderInEnvelope) << row.file;
+        EXPECT_FALSE(ScanHeaders(spool.Get(), spool.path.c_str(), read.mail, read.senderFound,
+                                 read.recipientFound))
+            << row.file;
+        EXPECT_EQ(read.mail.sender, row.sender) << row.file;
+        EXPECT_EQ(read.mail.recipients, row.recipients) << row.file;
+        EXPECT_EQ(spool.Bytes(), bytes) << row.file;
+    }
 }
 
 } // namespace

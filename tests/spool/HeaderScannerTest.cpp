@@ -1,0 +1,265 @@
+// tests/spool/HeaderScannerTest.cpp: the secure-hash gate row by row with the
+// whole file after it, the removal of the hash header line over a body larger
+// than the copy block, the From/To fallback, the scanner's log lines.
+#include <unistd.h>
+
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+#include "SpoolStream.h"
+#include "platform/log/LogCapture.h"
+#include "spool/HeaderScanner.h"
+
+namespace
+{
+
+using Strings = std::vector<std::string>;
+
+enum class Outcome { NotScanned, ToDaemon, Pass, Fails };
+
+struct ScanResult {
+    Outcome outcome = Outcome::NotScanned;
+    std::string failure;
+    std::string sender;
+    Strings recipients;
+    std::string bytes; // the whole spool file after the scan
+    std::string log;
+};
+
+// The job's steps up to the gate: envelope, then the scan unless no hash is
+// configured and the envelope named sender and recipients.
+ScanResult Scan(const std::string& bytes)
+{
+    ScanResult result;
+    SpoolStream spool(bytes);
+    if (spool.Get() == nullptr)
+        throw std::runtime_error("cannot open " + spool.path);
+    LogCapture log;
+    EnvelopeRead read(spool.Get());
+    if (!filterSettings.hash.empty() || !read.senderFound || !read.recipientFound) {
+        try {
+            result.outcome = ScanHeaders(spool.Get(), spool.path.c_str(), read.mail,
+                                         read.senderFound, read.recipientFound)
+                                 ? Outcome::Pass
+                                 : Outcome::ToDaemon;
+        } catch (const std::exception& e) {
+            result.outcome = Outcome::Fails;
+            result.failure = e.what();
+        }
+    }
+    result.sender = read.mail.sender;
+    result.recipients = read.mail.recipients;
+    result.bytes = spool.Bytes();
+    result.log = log.Text();
+    return result;
+}
+
+class HeaderScanner : public ::testing::Test
+{
+protected:
+    void TearDown() override { filterSettings.hash = savedHash; }
+    const std::string savedHash = filterSettings.hash;
+};
+
+const std::string complete = "from <a@x>\nto <b@y>\nenv-end\n";
+const std::string noRecipient = "from <a@x>\nenv-end\n";
+
+TEST_F(HeaderScanner, GateDecidesAndCutsOnlyTheMatchingLine)
+{
+    const struct {
+        const char* name;
+        const char* hash;
+        std::string envelope;
+        std::string message;
+        Outcome outcome;
+        std::string removedLine; // for Pass: the line cut out; otherwise nothing changes
+        const char* alertValue;  // nullptr: no alert
+    } rows[] = {
+        {"noHashCompleteEnvelopeIsNotScanned", "", complete, "X-Vorex-Hash: \n\nbody\n",
+         Outcome::NotScanned, "", nullptr},
+        {"noHashFallbackGoesToDaemon", "", noRecipient, "To: c@z\n\nbody\n", Outcome::ToDaemon, "",
+         nullptr},
+        {"noHashNoRecipientFails", "", noRecipient, "Subject: s\n\nTo: c@z\n", Outcome::Fails, "",
+         nullptr},
+        {"hashWithoutHeaderGoesToDaemon", "s3cret", complete,
+         "Subject: s\n\nX-Vorex-Hash: s3cret\n", Outcome::ToDaemon, "", nullptr},
+        {"hashMatches", "s3cret", complete, "Subject: s\nX-Vorex-Hash: s3cret\nTo: c@z\n\nbody\n",
+         Outcome::Pass, "X-Vorex-Hash: s3cret\n", nullptr},
+        {"hashMatchesWithIncompleteEnvelope", "s3cret", noRecipient,
+         "X-Vorex-Hash: s3cret\n\nbody\n", Outcome::Pass, "X-Vorex-Hash: s3cret\n", nullptr},
+        {"emptyValueMatchesNoHash", "", noRecipient, "X-Vorex-Hash: \n\nbody\n", Outcome::Pass,
+         "X-Vorex-Hash: \n", nullptr},
+        {"bareColonMatchesNoHash", "", noRecipient, "X-Vorex-Hash:\nTo: c@z\n\n", Outcome::Pass,
+         "X-Vorex-Hash:\n", nullptr},
+        {"otherByte", "s3cret", complete, "X-Vorex-Hash: s3creT\n\n", Outcome::ToDaemon, "",
+         "s3creT"},
+        {"shorter", "s3cret", complete, "X-Vorex-Hash: s3cre\n\n", Outcome::ToDaemon, "", "s3cre"},
+        {"longer", "s3cret", complete, "X-Vorex-Hash: s3crets\n\n", Outcome::ToDaemon, "",
+         "s3crets"},
+        {"emptyValueWithHash", "s3cret", complete, "X-Vorex-Hash: \n\n", Outcome::ToDaemon, "", ""},
+        {"lowerCaseNameIsOrdinary", "s3cret", complete, "x-vorex-hash: s3cret\n\n",
+         Outcome::ToDaemon, "", nullptr},
+        {"blankBeforeColonIsOrdinary", "s3cret", complete, "X-Vorex-Hash : s3cret\n\n",
+         Outcome::ToDaemon, "", nullptr},
+        {"noBlankAfterColonLosesAByte", "s3cret", complete, "X-Vorex-Hash:s3cret\n\n",
+         Outcome::ToDaemon, "", "3cret"},
+        {"noBlankAfterColonMatchesShifted", "s3cret", complete, "X-Vorex-Hash:xs3cret\n\n",
+         Outcome::Pass, "X-Vorex-Hash:xs3cret\n", nullptr},
+        {"lastLineWithoutNewlineLosesAByte", "s3cret", complete, "X-Vorex-Hash: s3cret",
+         Outcome::ToDaemon, "", "s3cre"},
+        {"wrongThenRightCutsOnlyTheFirstRight", "s3cret", complete,
+         "X-Vorex-Hash: guess\nX-Vorex-Hash: s3cret\nX-Vorex-Hash: s3cret\n\n", Outcome::Pass,
+         "X-Vorex-Hash: s3cret\n", "guess"},
+        {"nulInsideMatchingLineCutsAllItsBytes", "s3cret", complete,
+         Literal("X-Vorex-Hash: s3cretX\0junk\nTo: c@z\n\n"), Outcome::Pass,
+         Literal("X-Vorex-Hash: s3cretX\0junk\n"), nullptr},
+    };
+    for (const auto& row : rows) {
+        filterSettings.hash = row.hash;
+        const std::string before = row.envelope + row.message;
+        const ScanResult result = Scan(before);
+        EXPECT_EQ(result.outcome, row.outcome) << row.name << ": " << result.failure;
+        std::string after = before;
+        if (row.outcome == Outcome::Pass)
+            after.erase(after.find(row.removedLine), row.removedLine.size());
+        EXPECT_EQ(result.bytes, after) << row.name;
+        EXPECT_EQ(result.failure,
+                  row.outcome == Outcome::Fails ? "can not find rcpt(s) in envelope and msg" : "")
+            << row.name;
+        const bool passLogged =
+            result.log.find("INFO null - Find hash header: pass msg without check!\n") !=
+            std::string::npos;
+        EXPECT_EQ(passLogged, row.outcome == Outcome::Pass) << row.name;
+        if (row.alertValue == nullptr) {
+            EXPECT_EQ(result.log.find("ALERT"), std::string::npos) << row.name;
+        } else {
+            EXPECT_NE(
+                result.log.find("WARN null - ALERT: someone tries pass message with incorrect "
+                                "hash:'X-Vorex-Hash': '" +
+                                std::string(row.alertValue) + "'\n"),
+                std::string::npos)
+                << row.name << "\n"
+                << result.log;
+        }
+    }
+}
+
+TEST_F(HeaderScanner, RemovalMovesAMegabyteBodyUpByTheLineLength)
+{
+    filterSettings.hash = std::string(25, 'h');
+    const std::string hashLine = "X-Vorex-Hash: " + filterSettings.hash + "\n";
+    ASSERT_EQ(hashLine.size(), 40u);
+    const std::string head = complete + "Received: by relay\nSubject: s\n";
+    const std::string tail = "To: c@z\n\n" + Pattern((1 << 20) + 333, 3);
+    const ScanResult result = Scan(head + hashLine + tail);
+    EXPECT_EQ(result.outcome, Outcome::Pass);
+    ASSERT_EQ(result.bytes.size(), head.size() + tail.size());
+    EXPECT_EQ(result.bytes.substr(0, head.size()), head);
+    EXPECT_TRUE(result.bytes.compare(head.size(), tail.size(), tail) == 0)
+        << "the rest did not move up by exactly 40 bytes";
+}
+
+TEST_F(HeaderScanner, RemovalThatCannotReopenThePathLeavesTheFileAlone)
+{
+    filterSettings.hash = "s3cret";
+    const std::string bytes = complete + "X-Vorex-Hash: s3cret\n\nbody\n";
+    SpoolStream spool(bytes);
+    ASSERT_NE(spool.Get(), nullptr);
+    const std::string link = spool.dir / "link";
+    ASSERT_EQ(::link(spool.path.c_str(), link.c_str()), 0);
+    ASSERT_EQ(::unlink(spool.path.c_str()), 0);
+    EnvelopeRead read(spool.Get());
+    try {
+        (void)ScanHeaders(spool.Get(), spool.path.c_str(), read.mail, read.senderFound,
+                          read.recipientFound);
+        ADD_FAILURE() << "no failure";
+    } catch (const std::domain_error& e) {
+        EXPECT_EQ(std::string(e.what()), "can not open file " + spool.path + " for readig");
+    }
+    EXPECT_EQ(ReadFile(link), bytes);
+}
+
+TEST_F(HeaderScanner, FallbackTakesFirstFromAndFirstToWithItsFolds)
+{
+    const struct {
+        const char* name;
+        std::string envelope;
+        std::string headers;
+        std::string sender;
+        Strings recipients;
+    } rows[] = {
+        {"toFoldedOverThreeLines",
+         noRecipient,
+         "To: b@y,\n  c@z, d@w\n\te@v\nSubject: s\n\n",
+         "<a@x>",
+         {"<b@y>", "<c@z>", "<d@w>", "<e@v>"}},
+        {"secondToIgnored", noRecipient, "To: b@y\ntO: c@z\n\n", "<a@x>", {"<b@y>"}},
+        {"quotedCommaInTo",
+         noRecipient,
+         "To: \"Doe, Jane\" <jane@x>, b@y\n\n",
+         "<a@x>",
+         {"<jane@x>", "<b@y>"}},
+        {"groupGivesNoRecipient", noRecipient, "To: undisclosed-recipients:;\n\n", "<a@x>", {}},
+        {"fromFromItsFirstLineOnly",
+         "to <b@y>\nenv-end\n",
+         "From: Jane\n <jane@x>\nFrom: k@z\n\n",
+         "<Jane>",
+         {"<b@y>"}},
+        {"fromInAnyCaseTrimmed",
+         "to <b@y>\nenv-end\n",
+         "fROM:  \"J\" <j@x> \t\n\n",
+         "<j@x>",
+         {"<b@y>"}},
+        {"noFromGivesNullSender", "to <b@y>\nenv-end\n", "Subject: s\n\n", "<>", {"<b@y>"}},
+        {"channelErrorKeepsNullSender",
+         "channel error\nenv-end\n",
+         "From: a@x\nTo: b@y\n\n",
+         "<>",
+         {"<b@y>"}},
+        {"envelopeRecipientsWin", "to <b@y>\nenv-end\n", "To: c@z\n\n", "<>", {"<b@y>"}},
+        {"endOfFileEndsHeaders",
+         noRecipient,
+         "Subject: s\nTo: b@y,\n c@z\n",
+         "<a@x>",
+         {"<b@y>", "<c@z>"}},
+        {"lineWithoutColonEndsTheTo",
+         noRecipient,
+         "To: b@y\ngarbage\n c@z\n\n",
+         "<a@x>",
+         {"<b@y>"}},
+        {"nulAndBinaryLines",
+         noRecipient,
+         Literal("\0\xff\nTo: b@y\n\xfe: x\n\n"),
+         "<a@x>",
+         {"<b@y>"}},
+        {"chunkedLongHeader",
+         noRecipient,
+         "Subject: " + std::string(9000, 'x') + "\nTo: b@y\n\n",
+         "<a@x>",
+         {"<b@y>"}},
+    };
+    for (const auto& row : rows) {
+        filterSettings.hash = "";
+        const std::string before = row.envelope + row.headers + "body\n";
+        const ScanResult result = Scan(before);
+        EXPECT_EQ(result.outcome, Outcome::ToDaemon) << row.name << ": " << result.failure;
+        EXPECT_EQ(result.sender, row.sender) << row.name;
+        EXPECT_EQ(result.recipients, row.recipients) << row.name;
+        EXPECT_EQ(result.bytes, before) << row.name;
+    }
+}
+
+TEST_F(HeaderScanner, LogsEachHeaderAndEachLineItCannotRead)
+{
+    filterSettings.hash = "s3cret";
+    const ScanResult result = Scan(complete + "Subject: hi\ngarbage\nX:\n\nbody\n");
+    EXPECT_NE(result.log.find("DEBUG null - Start seach secure header...\n"
+                              "DEBUG null - Parse header: 'Subject': 'hi'\n"
+                              "WARN null - Unrecognize header: 'garbage\n'\n"
+                              "DEBUG null - Parse header: 'X': ''\n"),
+              std::string::npos)
+        << result.log;
+}
+
+} // namespace
