@@ -142,8 +142,9 @@ TEST_F(MessageJob, EachVerdictAnswersAndKeepsTheSpoolFile)
         }
         EXPECT_EQ(outcome.reply, row.reply) << row.name;
         EXPECT_EQ(outcome.failure, row.failure) << row.name;
-        if (outcome.failure.empty())
+        if (outcome.failure.empty()) {
             EXPECT_EQ(outcome.result, row.result) << row.name;
+        }
         // The daemon left .msg as it was, so even a write-back keeps the bytes.
         EXPECT_EQ(ReadFile(spoolPath), envelope + message) << row.name;
         EXPECT_EQ(Entries().size(), row.entryLeft ? 1u : 0u) << row.name;
