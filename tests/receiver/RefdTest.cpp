@@ -1,6 +1,6 @@
 // tests/receiver/RefdTest.cpp: the reference daemon quelt-refd as the tests
 // and the demo use it: its answers byte for byte, its changes to ".msg", its
-// start-up over stale and live sockets, its clean stop and its usage checks.
+// start-up over stale and live sockets and its clean stop.
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -78,7 +78,6 @@ TEST_F(QueltRefd, Answers)
     const std::string thirdBlock = std::string(2 * Block + 5, 'a') + TestString + "\n";
     const Row rows[] = {
         {"plain", {}, mail, "1 clean\n", mail},
-        {"empty", {}, "", "1 clean\n", ""},
         {"testString", {}, infected, infectedNote, infected},
         {"testStringAcrossBlocks", {}, acrossBlocks, infectedNote, acrossBlocks},
         {"testStringLastByteInNextBlock", {}, lastByteNext, infectedNote, lastByteNext},
@@ -87,9 +86,7 @@ TEST_F(QueltRefd, Answers)
         {"splitByALine", {}, split, "1 clean\n", split},
         {"addHeader", {"--add-header", header}, mail, "513 clean\n", header + "\n" + mail},
         {"addHeaderLarge", {"--add-header", header}, large, "513 clean\n", header + "\n" + large},
-        {"addHeaderEmpty", {"--add-header", header}, "", "513 clean\n", header + "\n"},
         {"addHeaderInfected", {"--add-header", header}, infected, infectedNote, infected},
-        {"noteReplacesClean", {"--note", "fine"}, mail, "1 fine\n", mail},
         {"verdictWithNote",
          {"--verdict", "4", "--note", "try later"},
          infected,
@@ -112,14 +109,6 @@ TEST_F(QueltRefd, Answers)
     }
 }
 
-TEST_F(QueltRefd, MissingMsgIsADaemonError)
-{
-    const std::string dir = MakeEntry("missing", nullptr);
-    RefDaemon daemon(Base());
-    EXPECT_EQ(Exchange(SocketPath(), "CHECK " + dir + "\n"),
-              "32 can not open " + dir + "/.msg: " + std::strerror(ENOENT) + "\n");
-}
-
 TEST_F(QueltRefd, BadRequestIsClosedUnanswered)
 {
     const std::string mail = "Subject: x\n\n";
@@ -129,20 +118,6 @@ TEST_F(QueltRefd, BadRequestIsClosedUnanswered)
          std::vector<std::string>{"HELLO\n", "CHECK \n", "check " + dir + "\n", "CHECK " + dir})
         EXPECT_EQ(Exchange(SocketPath(), request), "") << request;
     EXPECT_EQ(Exchange(SocketPath(), "CHECK " + dir + "\n"), "1 clean\n");
-}
-
-// The library and the daemon together: the header lands in ".msg".
-TEST_F(QueltRefd, WithTheReceiverLibrary)
-{
-    RefHolder<Receiver> receiver = MakeReceiver();
-    RefHolder<MsgEntry> entry(receiver->CreateMsgEntry());
-    WriteFile(std::string(entry->GetDir()) + "/.msg", "Subject: x\n\nbody\n");
-    RefDaemon daemon(Base(), {"--add-header", "X-Checked: yes"});
-
-    EXPECT_EQ(receiver->ProcessMsg(entry.Get(), 0, 0, 0, 0), VerdictPass | VerdictHeadersChanged);
-    EXPECT_STREQ(entry->GetReplyText(), "clean");
-    EXPECT_EQ(ReadFile(std::string(entry->GetDir()) + "/.msg"),
-              "X-Checked: yes\nSubject: x\n\nbody\n");
 }
 
 TEST_F(QueltRefd, StaleSocketIsReplaced)
@@ -166,16 +141,6 @@ TEST_F(QueltRefd, RefusesASocketThatAnswers)
     EXPECT_EQ(Exchange(SocketPath(), "CHECK " + dir + "\n"), "1 clean\n");
 }
 
-TEST_F(QueltRefd, RefusesAPathThatIsNoSocket)
-{
-    WriteFile(SocketPath(), "keep me");
-    ChildProcess daemon({QUELT_REFD, "--basedir", Base()});
-    std::string said;
-    EXPECT_EQ(daemon.Wait(nullptr, &said), 1);
-    EXPECT_EQ(said, "quelt-refd: " + SocketPath() + " exists and is not a socket; not started\n");
-    EXPECT_EQ(ReadFile(SocketPath()), "keep me");
-}
-
 TEST_F(QueltRefd, StopsCleanlyOnSignal)
 {
     for (int signal : {SIGTERM, SIGINT}) {
@@ -188,38 +153,6 @@ TEST_F(QueltRefd, StopsCleanlyOnSignal)
         EXPECT_EQ(said, "quelt-refd: stopped\n");
         EXPECT_FALSE(boost::filesystem::exists(SocketPath()));
     }
-}
-
-TEST_F(QueltRefd, Usage)
-{
-    struct Row {
-        const char* name;
-        std::vector<std::string> args;
-        int status;
-    };
-    const Row rows[] = {
-        {"noBasedir", {}, 2},
-        {"basedirWithoutValue", {"--basedir"}, 2},
-        {"unknownOption", {"--basedir", Base(), "--bogus", "x"}, 2},
-        {"negativeVerdict", {"--basedir", Base(), "--verdict", "-1"}, 2},
-        {"verdictOutOfRange", {"--basedir", Base(), "--verdict", "4294967296"}, 2},
-        {"headerWithoutColon", {"--basedir", Base(), "--add-header", "X-Checked"}, 2},
-        {"headerOfTwoLines", {"--basedir", Base(), "--add-header", "A: b\nC: d"}, 2},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        std::vector<std::string> argv = {QUELT_REFD};
-        argv.insert(argv.end(), row.args.begin(), row.args.end());
-        ChildProcess daemon(argv);
-        std::string said;
-        EXPECT_EQ(daemon.Wait(nullptr, &said), row.status);
-        EXPECT_NE(said.find("usage: quelt-refd --basedir DIR"), std::string::npos) << said;
-        EXPECT_FALSE(boost::filesystem::exists(SocketPath()));
-    }
-    ChildProcess help({QUELT_REFD, "--help"});
-    std::string out;
-    EXPECT_EQ(help.Wait(&out, nullptr), 0);
-    EXPECT_EQ(out.compare(0, 31, "usage: quelt-refd --basedir DIR"), 0) << out;
 }
 
 } // namespace
