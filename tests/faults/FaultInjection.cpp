@@ -1,0 +1,448 @@
+// tests/faults/FaultInjection.cpp: a preload library for fault walks. With
+// VOREX_FAULT="<call>:<N>:<errno name>" the Nth call of that family (counted
+// from process start, over all its entry points) fails with that errno and
+// does nothing else, except fclose, which still releases the stream as a real
+// failing fclose does. When the fault fires, one line describing the call
+// (family, N, errno, entry point, descriptor target or path, first bytes of a
+// write, calling object) is appended to the file named by
+// VOREX_FAULT_MARKER; no marker means N was past the last call.
+// VOREX_FAULT_TRACE names a file that gets such a line for every call seen.
+//
+// Families: open (open, open64), openat (openat, openat64), creat (creat,
+// creat64), read, write, lseek (lseek, lseek64), fstat (fstat, fstat64),
+// copy_file_range, truncate (truncate, truncate64), fsync, mkdir, connect,
+// send, recv, fclose, fopen (fopen, fopen64). Only calls that go through the
+// dynamic symbol table are seen: glibc's calls into itself (fgets reading
+// through the stream, ftell's seek, getpwnam's files, opendir, syslog) and
+// system calls made directly are out of reach.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace
+{
+
+struct FaultPlan {
+    bool parsed = false;
+    bool armed = false;
+    char family[32] = {};
+    long nth = 0;
+    int error = 0;
+    const char* errorName = "";
+    long seen = 0;
+    const char* marker = nullptr;
+    const char* trace = nullptr;
+};
+
+FaultPlan plan;
+
+int ErrnoByName(const char* name)
+{
+    if (std::strcmp(name, "ENOSPC") == 0)
+        return ENOSPC;
+    if (std::strcmp(name, "EIO") == 0)
+        return EIO;
+    if (std::strcmp(name, "EINTR") == 0)
+        return EINTR;
+    return 0;
+}
+
+// Reads the plan once, on the first intercepted call. A malformed
+// VOREX_FAULT disarms the library rather than guessing.
+void ParsePlan()
+{
+    if (plan.parsed)
+        return;
+    plan.parsed = true;
+    plan.marker = std::getenv("VOREX_FAULT_MARKER");
+    plan.trace = std::getenv("VOREX_FAULT_TRACE");
+    const char* spec = std::getenv("VOREX_FAULT");
+    if (spec == nullptr)
+        return;
+    const char* firstColon = std::strchr(spec, ':');
+    if (firstColon == nullptr || static_cast<std::size_t>(firstColon - spec) >= sizeof plan.family)
+        return;
+    std::memcpy(plan.family, spec, static_cast<std::size_t>(firstColon - spec));
+    char* end = nullptr;
+    plan.nth = std::strtol(firstColon + 1, &end, 10);
+    if (end == nullptr || *end != ':' || plan.nth < 1)
+        return;
+    plan.errorName = end + 1;
+    plan.error = ErrnoByName(plan.errorName);
+    plan.armed = plan.error != 0;
+}
+
+template <class Function> Function Real(const char* name)
+{
+    return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
+}
+
+// What a call touched, for the marker: the descriptor's target or a path.
+struct Site {
+    int fd = -1;
+    int fd2 = -1;
+    const char* path = nullptr;
+    const void* bytes = nullptr;
+    std::size_t length = 0;
+};
+
+void DescribeFd(char* out, std::size_t size, int fd)
+{
+    char link[64];
+    char target[512];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const ssize_t got = ::readlink(link, target, sizeof target - 1);
+    if (got < 0)
+        std::snprintf(target, sizeof target, "?");
+    else
+        target[got] = '\0';
+    std::snprintf(out, size, " fd=%d target=%s", fd, target);
+}
+
+// Appends one line to path with the real open and write: the library's own
+// output is never counted or faulted.
+void AppendLine(const char* path, const char* family, long number, const char* errorName,
+                const char* function, const Site& site, void* caller)
+{
+    using OpenFn = int (*)(const char*, int, ...);
+    using WriteFn = ssize_t (*)(int, const void*, std::size_t);
+    static OpenFn realOpen = Real<OpenFn>("open");
+    static WriteFn realWrite = Real<WriteFn>("write");
+
+    char line[2048];
+    int used =
+        std::snprintf(line, sizeof line, "%s %ld %s %s", family, number, errorName, function);
+    auto append = [&](const char* text) {
+        if (used >= 0 && static_cast<std::size_t>(used) < sizeof line)
+            used += std::snprintf(line + used, sizeof line - static_cast<std::size_t>(used), "%s",
+                                  text);
+    };
+    char part[700];
+    if (site.fd >= 0) {
+        DescribeFd(part, sizeof part, site.fd);
+        append(part);
+    }
+    if (site.fd2 >= 0) {
+        DescribeFd(part, sizeof part, site.fd2);
+        append(part);
+    }
+    if (site.path != nullptr) {
+        std::snprintf(part, sizeof part, " path=%s", site.path);
+        append(part);
+    }
+    if (site.bytes != nullptr) {
+        // The first bytes of a write, printable ones as they are, others as \xNN.
+        append(" bytes=");
+        const unsigned char* data = static_cast<const unsigned char*>(site.bytes);
+        for (std::size_t i = 0; i < site.length && i < 24; ++i) {
+            if (data[i] >= 0x21 && data[i] < 0x7f && data[i] != '\\')
+                std::snprintf(part, sizeof part, "%c", data[i]);
+            else
+                std::snprintf(part, sizeof part, "\\x%02x", data[i]);
+            append(part);
+        }
+        std::snprintf(part, sizeof part, " length=%zu", site.length);
+        append(part);
+    }
+    Dl_info info;
+    if (::dladdr(caller, &info) != 0 && info.dli_fname != nullptr) {
+        const char* object = std::strrchr(info.dli_fname, '/');
+        std::snprintf(part, sizeof part, " caller=%s",
+                      object != nullptr ? object + 1 : info.dli_fname);
+        append(part);
+    }
+    append("\n");
+    if (used < 0)
+        return;
+    const std::size_t length = std::strlen(line);
+    const int fd = realOpen(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0)
+        return;
+    // A marker that cannot be written shows as a fault that never fired,
+    // which the walk reports; nothing better can be done from inside a call.
+    (void)realWrite(fd, line, length);
+    (void)::close(fd);
+}
+
+// Counts one call of family; true when this is the call to fail, with errno
+// set. The marker records it.
+bool Fire(const char* family, const char* function, const Site& site, void* caller)
+{
+    const int savedErrno = errno;
+    ParsePlan();
+    const bool counted = plan.armed && std::strcmp(plan.family, family) == 0;
+    if (counted)
+        ++plan.seen;
+    const bool fire = counted && plan.seen == plan.nth;
+    if (plan.trace != nullptr)
+        AppendLine(plan.trace, family, counted ? plan.seen : 0, fire ? plan.errorName : "-",
+                   function, site, caller);
+    if (fire && plan.marker != nullptr)
+        AppendLine(plan.marker, family, plan.seen, plan.errorName, function, site, caller);
+    errno = fire ? plan.error : savedErrno;
+    return fire;
+}
+
+Site PathSite(const char* path)
+{
+    Site site;
+    site.path = path;
+    return site;
+}
+
+Site FdSite(int fd)
+{
+    Site site;
+    site.fd = fd;
+    return site;
+}
+
+bool HasMode(int flags)
+{
+    return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+}
+
+} // namespace
+
+#define CALLER __builtin_return_address(0)
+
+extern "C" {
+
+int open(const char* path, int flags, ...)
+{
+    mode_t mode = 0;
+    if (HasMode(flags)) {
+        va_list args;
+        va_start(args, flags);
+        mode = static_cast<mode_t>(va_arg(args, int));
+        va_end(args);
+    }
+    if (Fire("open", "open", PathSite(path), CALLER))
+        return -1;
+    static auto real = Real<int (*)(const char*, int, ...)>("open");
+    return real(path, flags, mode);
+}
+
+int open64(const char* path, int flags, ...)
+{
+    mode_t mode = 0;
+    if (HasMode(flags)) {
+        va_list args;
+        va_start(args, flags);
+        mode = static_cast<mode_t>(va_arg(args, int));
+        va_end(args);
+    }
+    if (Fire("open", "open64", PathSite(path), CALLER))
+        return -1;
+    static auto real = Real<int (*)(const char*, int, ...)>("open64");
+    return real(path, flags, mode);
+}
+
+int openat(int dirFd, const char* path, int flags, ...)
+{
+    mode_t mode = 0;
+    if (HasMode(flags)) {
+        va_list args;
+        va_start(args, flags);
+        mode = static_cast<mode_t>(va_arg(args, int));
+        va_end(args);
+    }
+    if (Fire("openat", "openat", PathSite(path), CALLER))
+        return -1;
+    static auto real = Real<int (*)(int, const char*, int, ...)>("openat");
+    return real(dirFd, path, flags, mode);
+}
+
+int openat64(int dirFd, const char* path, int flags, ...)
+{
+    mode_t mode = 0;
+    if (HasMode(flags)) {
+        va_list args;
+        va_start(args, flags);
+        mode = static_cast<mode_t>(va_arg(args, int));
+        va_end(args);
+    }
+    if (Fire("openat", "openat64", PathSite(path), CALLER))
+        return -1;
+    static auto real = Real<int (*)(int, const char*, int, ...)>("openat64");
+    return real(dirFd, path, flags, mode);
+}
+
+int creat(const char* path, mode_t mode)
+{
+    if (Fire("creat", "creat", PathSite(path), CALLER))
+        return -1;
+    static auto real = Real<int (*)(const char*, mode_t)>("creat");
+    return real(path, mode);
+}
+
+int creat64(const char* path, mode_t mode)
+{
+    if (Fire("creat", "creat64", PathSite(path), CALLER))
+        return -1;
+    static auto real = Real<int (*)(const char*, mode_t)>("creat64");
+    return real(path, mode);
+}
+
+ssize_t read(int fd, void* buffer, size_t count)
+{
+    if (Fire("read", "read", FdSite(fd), CALLER))
+        return -1;
+    static auto real = Real<ssize_t (*)(int, void*, size_t)>("read");
+    return real(fd, buffer, count);
+}
+
+ssize_t write(int fd, const void* buffer, size_t count)
+{
+    Site site = FdSite(fd);
+    site.bytes = buffer;
+    site.length = count;
+    if (Fire("write", "write", site, CALLER))
+        return -1;
+    static auto real = Real<ssize_t (*)(int, const void*, size_t)>("write");
+    return real(fd, buffer, count);
+}
+
+off_t lseek(int fd, off_t offset, int whence)
+{
+    if (Fire("lseek", "lseek", FdSite(fd), CALLER))
+        return -1;
+    static auto real = Real<off_t (*)(int, off_t, int)>("lseek");
+    return real(fd, offset, whence);
+}
+
+off64_t lseek64(int fd, off64_t offset, int whence)
+{
+    if (Fire("lseek", "lseek64", FdSite(fd), CALLER))
+        return -1;
+    static auto real = Real<off64_t (*)(int, off64_t, int)>("lseek64");
+    return real(fd, offset, whence);
+}
+
+int fstat(int fd, struct stat* status)
+{
+    if (Fire("fstat", "fstat", FdSite(fd), CALLER))
+        return -1;
+    static auto real = Real<int (*)(int, struct stat*)>("fstat");
+    return real(fd, status);
+}
+
+int fstat64(int fd, struct stat64* status)
+{
+    if (Fire("fstat", "fstat64", FdSite(fd), CALLER))
+        return -1;
+    static auto real = Real<int (*)(int, struct stat64*)>("fstat64");
+    return real(fd, status);
+}
+
+ssize_t copy_file_range(int fdIn, off64_t* offIn, int fdOut, off64_t* offOut, size_t length,
+                        unsigned int flags)
+{
+    Site site = FdSite(fdIn);
+    site.fd2 = fdOut;
+    if (Fire("copy_file_range", "copy_file_range", site, CALLER))
+        return -1;
+    static auto real =
+        Real<ssize_t (*)(int, off64_t*, int, off64_t*, size_t, unsigned int)>("copy_file_range");
+    return real(fdIn, offIn, fdOut, offOut, length, flags);
+}
+
+int truncate(const char* path, off_t length)
+{
+    if (Fire("truncate", "truncate", PathSite(path), CALLER))
+        return -1;
+    static auto real = Real<int (*)(const char*, off_t)>("truncate");
+    return real(path, length);
+}
+
+int truncate64(const char* path, off64_t length)
+{
+    if (Fire("truncate", "truncate64", PathSite(path), CALLER))
+        return -1;
+    static auto real = Real<int (*)(const char*, off64_t)>("truncate64");
+    return real(path, length);
+}
+
+int fsync(int fd)
+{
+    if (Fire("fsync", "fsync", FdSite(fd), CALLER))
+        return -1;
+    static auto real = Real<int (*)(int)>("fsync");
+    return real(fd);
+}
+
+int mkdir(const char* path, mode_t mode)
+{
+    if (Fire("mkdir", "mkdir", PathSite(path), CALLER))
+        return -1;
+    static auto real = Real<int (*)(const char*, mode_t)>("mkdir");
+    return real(path, mode);
+}
+
+int connect(int fd, const struct sockaddr* address, socklen_t length)
+{
+    if (Fire("connect", "connect", FdSite(fd), CALLER))
+        return -1;
+    static auto real = Real<int (*)(int, const struct sockaddr*, socklen_t)>("connect");
+    return real(fd, address, length);
+}
+
+ssize_t send(int fd, const void* buffer, size_t length, int flags)
+{
+    Site site = FdSite(fd);
+    site.bytes = buffer;
+    site.length = length;
+    if (Fire("send", "send", site, CALLER))
+        return -1;
+    static auto real = Real<ssize_t (*)(int, const void*, size_t, int)>("send");
+    return real(fd, buffer, length, flags);
+}
+
+ssize_t recv(int fd, void* buffer, size_t length, int flags)
+{
+    if (Fire("recv", "recv", FdSite(fd), CALLER))
+        return -1;
+    static auto real = Real<ssize_t (*)(int, void*, size_t, int)>("recv");
+    return real(fd, buffer, length, flags);
+}
+
+FILE* fopen(const char* path, const char* mode)
+{
+    if (Fire("fopen", "fopen", PathSite(path), CALLER))
+        return nullptr;
+    static auto real = Real<FILE* (*)(const char*, const char*)>("fopen");
+    return real(path, mode);
+}
+
+FILE* fopen64(const char* path, const char* mode)
+{
+    if (Fire("fopen", "fopen64", PathSite(path), CALLER))
+        return nullptr;
+    static auto real = Real<FILE* (*)(const char*, const char*)>("fopen64");
+    return real(path, mode);
+}
+
+int fclose(FILE* stream)
+{
+    static auto real = Real<int (*)(FILE*)>("fclose");
+    if (Fire("fclose", "fclose", FdSite(::fileno(stream)), CALLER)) {
+        const int error = errno;
+        // The stream is released as by a real failing fclose; only the
+        // result is the injected failure.
+        (void)real(stream);
+        errno = error;
+        return EOF;
+    }
+    return real(stream);
+}
+
+} // extern "C"

@@ -1,0 +1,699 @@
+// tests/faults/FaultWalkTest.cpp: every failure point of four real filter
+// jobs, one at a time. The real vorex-zmailer runs in content-filter mode with
+// the fault library preloaded; for each intercepted call and errno, the Nth
+// call fails, for N = 1, 2, ... until the fault no longer fires. Each run
+// starts from a fresh copy of the spool file and an empty entries folder, and
+// must end in one of the outcomes the filter promises:
+//  - exactly as without the fault: for EINTR on a call the program retries,
+//    and for failures the program ignores by design (a log write, handing
+//    the entry to the daemon's account, the flush after a rewrite);
+//  - the reply lost without notice, when the reply's own write fails;
+//  - otherwise the error action: the job's reply if it was already written,
+//    then the tempfail line with " Internal error", one "error: " line on
+//    standard error, status 1;
+// with the spool file untouched or in the state documented for the failing
+// step, no entry left behind unless the verdict keeps it, and nothing
+// written outside the base directory and the spool file.
+#include <fcntl.h>
+#include <poll.h>
+#include <pwd.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <boost/filesystem.hpp>
+#include <gtest/gtest.h>
+
+#include "support/RefDaemon.h"
+#include "support/TempDir.h"
+
+extern char** environ;
+
+namespace
+{
+
+namespace fs = boost::filesystem;
+
+const std::string Hungry = "#hungry\n";
+const std::string PassLine = "0 250 2.6.0 Okey. Go ahead!";
+const std::string RejectLine = "-1 550 5.7.1 Rejected by Vorex Quelt!";
+const std::string ErrorReply = "1 451 4.3.0 Temporary rejected by Vorex Quelt. Try later."
+                               " Internal error\n";
+// Before the options are read no error action is known; the driver then
+// answers the pass line.
+const std::string StartUpErrorReply = PassLine + " Internal error\n";
+const std::string Eicar = "X5O!P%@AP[4\\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*";
+
+const char* const Families[] = {
+    "open",     "openat", "creat", "read",    "write", "lseek", "fstat",  "copy_file_range",
+    "truncate", "fsync",  "mkdir", "connect", "send",  "recv",  "fclose", "fopen"};
+const char* const Errnos[] = {"ENOSPC", "EIO", "EINTR"};
+// The program retries these when they are interrupted: the write-all helper,
+// the block copy's reads, the in-kernel copy, the daemon conversation (and
+// the log back end's own writes).
+const std::set<std::string> RetriedOnEintr = {"read",    "write", "copy_file_range",
+                                              "connect", "send",  "recv"};
+// No job makes anywhere near this many calls of one family; reaching it
+// means the fault kept firing, and the walk stops with a failure.
+constexpr long WalkBound = 300;
+constexpr int RunBoundMs = 20000;
+
+std::string Body(std::size_t size)
+{
+    // Numbered lines: a block moved to the wrong place never matches.
+    std::string body;
+    for (int i = 0; body.size() < size; ++i)
+        body += "line " + std::to_string(i) + " of the walk body, no two alike\n";
+    return body;
+}
+
+const std::string Envelope = "external\n"
+                             "rcvdfrom mx.example.org (mx.example.org [192.0.2.1]:4000)\n"
+                             "from <alice@example.org>\n"
+                             "to <bob@example.net>\n"
+                             "env-end\n";
+const std::string FromLine = "From: Alice <alice@example.org>\n";
+const std::string OtherHeaders = "To: bob@example.net\nSubject: walk\n\n";
+const std::string HashLine = "X-Vorex-Hash: s3cret\n";
+// Three blocks of the program's 128 KiB copy, so that a copy can fail after
+// some of the bytes have moved.
+const std::string LargeBody = Body(300 * 1024);
+
+enum class Daemon { Refd, Shrinking };
+// What the job does to the spool file when it succeeds.
+enum class Change { None, CutHashLine, WriteBack };
+
+struct Job {
+    const char* name;
+    Daemon daemon;
+    std::vector<std::string> extraArgs;
+    std::string spool;
+    std::string reply; // the job's reply line
+    std::size_t entriesKept;
+    Change change;
+};
+
+// The shrinking daemon's copy: a changed header part and half of the body.
+const std::string ShrunkMessage = "Subject: shrunk\n\n" + LargeBody.substr(0, 150 * 1024);
+
+const Job Jobs[] = {
+    {"ChangedContent",
+     Daemon::Refd,
+     {},
+     Envelope + FromLine + OtherHeaders + LargeBody,
+     PassLine + " clean\n",
+     0,
+     Change::WriteBack},
+    {"HashRemoval",
+     Daemon::Refd,
+     {"--hash", "s3cret"},
+     Envelope + FromLine + HashLine + OtherHeaders + LargeBody,
+     PassLine + "\n",
+     0,
+     Change::CutHashLine},
+    {"Reject",
+     Daemon::Refd,
+     {},
+     Envelope + FromLine + OtherHeaders + Eicar + "\n",
+     RejectLine + " infected: EICAR-Test-File\n",
+     1,
+     Change::None},
+    {"ShrunkContent",
+     Daemon::Shrinking,
+     {},
+     Envelope + FromLine + OtherHeaders + LargeBody,
+     PassLine + " shrunk\n",
+     0,
+     Change::WriteBack},
+};
+
+// Rows name themselves in failure messages.
+void PrintTo(const Job& job, std::ostream* os)
+{
+    *os << job.name;
+}
+
+struct RunResult {
+    std::string out;
+    std::string err;
+    int status = -1;
+    bool hung = false;
+};
+
+// Runs argv with environment env in directory cwd, input on its standard
+// input; collects both outputs through pipes. A run that does not end
+// within the bound is killed and reported as hung.
+RunResult RunProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+                     const std::string& cwd, const std::string& input)
+{
+    int in[2], out[2], err[2];
+    if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0)
+        throw std::runtime_error("pipe failed");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+    posix_spawn_file_actions_addchdir_np(&actions, cwd.c_str());
+    std::vector<char*> args, envp;
+    for (const std::string& arg : argv)
+        args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    for (const std::string& entry : env)
+        envp.push_back(const_cast<char*>(entry.c_str()));
+    envp.push_back(nullptr);
+    pid_t pid = -1;
+    const int spawned = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(in[0]);
+    ::close(out[1]);
+    ::close(err[1]);
+    if (spawned != 0)
+        throw std::runtime_error("cannot start " + argv[0]);
+    // The input is one short job line: it fits the pipe.
+    if (::write(in[1], input.data(), input.size()) != static_cast<ssize_t>(input.size()))
+        throw std::runtime_error("cannot write the job line");
+    ::close(in[1]);
+
+    RunResult result;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(RunBoundMs);
+    pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
+    std::string* sinks[2] = {&result.out, &result.err};
+    int open = 2;
+    while (open > 0) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        deadline - std::chrono::steady_clock::now())
+                        .count();
+        if (left <= 0 || ::poll(fds, 2, static_cast<int>(left)) <= 0) {
+            result.hung = true;
+            ::kill(pid, SIGKILL);
+            break;
+        }
+        for (int i = 0; i < 2; ++i) {
+            if (fds[i].fd < 0 || fds[i].revents == 0)
+                continue;
+            char block[4096];
+            const ssize_t n = ::read(fds[i].fd, block, sizeof block);
+            if (n > 0) {
+                sinks[i]->append(block, static_cast<std::size_t>(n));
+            } else {
+                fds[i].fd = -1;
+                --open;
+            }
+        }
+    }
+    ::close(out[0]);
+    ::close(err[0]);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return result;
+}
+
+// The checking daemon played by the test for a write-back that makes the
+// message smaller (quelt-refd only ever adds a line): each request's .msg is
+// replaced by a fixed shorter copy and answered "513 shrunk" (pass, headers
+// and body changed).
+class ShrinkingDaemon
+{
+public:
+    ShrinkingDaemon(const std::string& socketPath, std::string copy) : copy(std::move(copy))
+    {
+        listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address;
+        std::memset(&address, 0, sizeof address);
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
+        if (listener < 0 || ::pipe2(stopPipe, O_CLOEXEC) != 0 ||
+            ::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+            ::listen(listener, 8) != 0)
+            throw std::runtime_error("cannot listen on " + socketPath);
+        path = socketPath;
+        server = std::thread([this] { Serve(); });
+    }
+    ~ShrinkingDaemon()
+    {
+        (void)::write(stopPipe[1], "x", 1); // wakes the server; it only needs the event
+        server.join();
+        ::close(listener);
+        ::close(stopPipe[0]);
+        ::close(stopPipe[1]);
+        ::unlink(path.c_str());
+    }
+    ShrinkingDaemon(const ShrinkingDaemon&) = delete;
+    ShrinkingDaemon& operator=(const ShrinkingDaemon&) = delete;
+
+private:
+    void Serve()
+    {
+        for (;;) {
+            pollfd fds[2] = {{listener, POLLIN, 0}, {stopPipe[0], POLLIN, 0}};
+            if (::poll(fds, 2, -1) < 0 || fds[1].revents != 0)
+                return;
+            const int client = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+            if (client < 0)
+                continue;
+            Answer(client);
+            ::close(client);
+        }
+    }
+
+    void Answer(int client)
+    {
+        std::string request;
+        while (request.find('\n') == std::string::npos) {
+            pollfd ready = {client, POLLIN, 0};
+            char block[4096];
+            if (::poll(&ready, 1, RunBoundMs) != 1)
+                return;
+            const ssize_t n = ::read(client, block, sizeof block);
+            if (n <= 0)
+                return; // the filter gave up (a fault in its conversation)
+            request.append(block, static_cast<std::size_t>(n));
+        }
+        const std::string verb = "CHECK ";
+        if (request.compare(0, verb.size(), verb) != 0)
+            return;
+        const std::string msgPath =
+            request.substr(verb.size(), request.find('\n') - verb.size()) + "/.msg";
+        const int fd = ::open(msgPath.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+        if (fd < 0 || ::write(fd, copy.data(), copy.size()) != static_cast<ssize_t>(copy.size()))
+            throw std::runtime_error("shrinking daemon cannot write " + msgPath);
+        ::close(fd);
+        const std::string answer = "513 shrunk\n";
+        (void)::send(client, answer.data(), answer.size(), MSG_NOSIGNAL); // the filter may be gone
+    }
+
+    const std::string copy;
+    std::string path;
+    int listener = -1;
+    int stopPipe[2] = {-1, -1};
+    std::thread server;
+};
+
+// A file partly rewritten by a front-to-back copy: original's first `at`
+// bytes, then the first m bytes of source, then original from at + m on.
+std::string CopyState(const std::string& original, std::size_t at, const std::string& source,
+                      std::size_t m)
+{
+    std::string state = original.substr(0, at) + source.substr(0, m);
+    if (at + m < original.size())
+        state += original.substr(at + m);
+    return state;
+}
+
+// Whether file is CopyState(original, at, source, m) for some m; the
+// smallest such m is the one tried (any larger one that fits gives the same
+// bytes).
+bool IsCopyState(const std::string& file, const std::string& original, std::size_t at,
+                 const std::string& source)
+{
+    std::size_t m = 0;
+    if (file.size() > original.size()) {
+        if (file.size() < at)
+            return false;
+        m = file.size() - at;
+    } else if (file.size() == original.size()) {
+        std::size_t same = 0;
+        while (same < file.size() &&
+               file[file.size() - 1 - same] == original[file.size() - 1 - same])
+            ++same;
+        const std::size_t firstKept = file.size() - same;
+        m = firstKept > at ? firstKept - at : 0;
+    } else {
+        return false;
+    }
+    return m <= source.size() && CopyState(original, at, source, m) == file;
+}
+
+std::string Field(const std::string& marker, const std::string& name)
+{
+    const std::size_t at = marker.find(" " + name + "=");
+    if (at == std::string::npos)
+        return "";
+    const std::size_t from = at + name.size() + 2;
+    return marker.substr(from, marker.find_first_of(" \n", from) - from);
+}
+
+// Where a fault hit, as far as the expected outcome depends on it.
+enum class Site { LogBackEnd, Reply, OwnerHandOver, Flush, Other };
+
+class FaultWalk : public ::testing::TestWithParam<Job>
+{
+protected:
+    void SetUp() override
+    {
+        root = fs::canonical(rootDir.Path()).string();
+        base = root + "/base";
+        work = root + "/work";
+        spool = root + "/spool";
+        fs::create_directories(base);
+        fs::create_directories(work);
+        markerPath = (scratch / "marker");
+        tracePath = (scratch / "trace");
+        const passwd* self = ::getpwuid(::geteuid());
+        user = self != nullptr ? self->pw_name : "";
+        const Job& job = GetParam();
+        if (job.daemon == Daemon::Refd)
+            refd = std::make_unique<RefDaemon>(
+                base, std::vector<std::string>{"--add-header", "X-Vorex-Checked: clean"});
+        else
+            shrinking = std::make_unique<ShrinkingDaemon>(base + "/quelt.sock", ShrunkMessage);
+    }
+
+    std::vector<std::string> Argv() const
+    {
+        std::vector<std::string> argv = {VOREX_ZMAILER,
+                                         "-Z",
+                                         "/etc/zmailer/zmailer.conf",
+                                         "--interface",
+                                         "1",
+                                         "--user",
+                                         user,
+                                         "--basedir",
+                                         base + "/",
+                                         "--log-filename",
+                                         base + "/zmailer.log",
+                                         "--timeout",
+                                         "10",
+                                         "--error-action",
+                                         "tempfail"};
+        const Job& job = GetParam();
+        argv.insert(argv.end(), job.extraArgs.begin(), job.extraArgs.end());
+        return argv;
+    }
+
+    std::vector<std::string> Environment(const std::string& fault, bool trace) const
+    {
+        std::vector<std::string> env;
+        for (char** entry = environ; *entry != nullptr; ++entry) {
+            const std::string text = *entry;
+            if (text.rfind("LD_PRELOAD=", 0) != 0 && text.rfind("VOREX_FAULT", 0) != 0)
+                env.push_back(text);
+        }
+        env.push_back(std::string("LD_PRELOAD=") + VOREX_FAULT_LIBRARY);
+        env.push_back("VOREX_FAULT_MARKER=" + markerPath);
+        if (!fault.empty())
+            env.push_back("VOREX_FAULT=" + fault);
+        if (trace)
+            env.push_back("VOREX_FAULT_TRACE=" + tracePath);
+        return env;
+    }
+
+    // A fresh spool file and an empty entries folder.
+    void Reset()
+    {
+        WriteFile(spool, GetParam().spool);
+        fs::remove(markerPath);
+        const fs::path msgs = fs::path(base) / "msgs";
+        if (fs::exists(msgs))
+            for (const fs::directory_entry& entry : fs::directory_iterator(msgs))
+                fs::remove_all(entry.path());
+    }
+
+    std::size_t EntryCount() const
+    {
+        const fs::path msgs = fs::path(base) / "msgs";
+        if (!fs::exists(msgs))
+            return 0;
+        return static_cast<std::size_t>(std::distance(fs::directory_iterator(msgs), {}));
+    }
+
+    // Everything under the test's root that is neither the base directory's
+    // known parts, an entry with its two files, nor the spool file.
+    std::vector<std::string> StrayPaths() const
+    {
+        static const std::set<std::string> known = {
+            "base", "base/msgs", "base/quelt.sock", "base/zmailer.log", "spool", "work"};
+        std::vector<std::string> stray;
+        for (fs::recursive_directory_iterator it(root), end; it != end; ++it) {
+            const std::string relative = it->path().string().substr(root.size() + 1);
+            if (known.count(relative) != 0)
+                continue;
+            const std::string entries = "base/msgs/";
+            if (relative.rfind(entries, 0) == 0) {
+                const std::size_t slash = relative.find('/', entries.size());
+                if (slash == std::string::npos && fs::is_directory(it->path()))
+                    continue;
+                const std::string name = relative.substr(slash + 1);
+                if (slash != std::string::npos && (name == ".envelope" || name == ".msg"))
+                    continue;
+            }
+            stray.push_back(relative);
+        }
+        return stray;
+    }
+
+    RunResult RunJob(const std::string& fault, bool trace = false)
+    {
+        return RunProgram(Argv(), Environment(fault, trace), work, spool + "\n");
+    }
+
+    Site SiteOf(const std::string& family, const std::string& marker) const
+    {
+        const std::string caller = Field(marker, "caller");
+        if (caller.find("libapr") != std::string::npos ||
+            caller.find("liblog4cxx") != std::string::npos)
+            return Site::LogBackEnd;
+        if (family == "write" && Field(marker, "fd") == "1" &&
+            Field(marker, "bytes").rfind("#hungry", 0) != 0)
+            return Site::Reply;
+        const std::string path = Field(marker, "path");
+        const std::string entries = base + "/msgs/";
+        if (family == "open" && path.rfind(entries, 0) == 0 &&
+            path.find('/', entries.size()) == std::string::npos)
+            return Site::OwnerHandOver;
+        if (family == "fsync")
+            return Site::Flush;
+        return Site::Other;
+    }
+
+    // The spool file after a failed job: untouched, or in the state that the
+    // failing step documents.
+    bool SpoolInDocumentedState(const std::string& file, const std::string& family) const
+    {
+        const Job& job = GetParam();
+        const std::string& original = job.spool;
+        std::size_t at = 0;
+        std::string source;
+        switch (job.change) {
+        case Change::None:
+            return file == original;
+        case Change::CutHashLine:
+            // The rest moves up over the line; a failed truncate leaves the
+            // last line-length bytes twice.
+            at = original.find(HashLine);
+            source = original.substr(at + HashLine.size());
+            break;
+        case Change::WriteBack:
+            // The daemon's copy overwrites the message part; a failed
+            // truncate leaves the old tail behind it.
+            at = Envelope.size();
+            source = baseline.spool.substr(at);
+            break;
+        }
+        if (family == "truncate")
+            return file == CopyState(original, at, source, source.size());
+        return IsCopyState(file, original, at, source);
+    }
+
+    void ExpectSame(const RunResult& run, bool logComplaintsAllowed)
+    {
+        EXPECT_EQ(run.out, baseline.out);
+        EXPECT_EQ(run.status, baseline.status);
+        EXPECT_EQ(ReadFile(spool), baseline.spool) << "spool file differs";
+        EXPECT_EQ(EntryCount(), baseline.entries);
+        if (!logComplaintsAllowed) {
+            EXPECT_EQ(run.err, "");
+            return;
+        }
+        std::istringstream lines(run.err);
+        for (std::string line; std::getline(lines, line);)
+            EXPECT_EQ(line.rfind("log4cxx: ", 0), 0u) << "standard error: " << run.err;
+    }
+
+    void ExpectErrorAction(const RunResult& run, const std::string& family, bool logComplaints)
+    {
+        const Job& job = GetParam();
+        EXPECT_EQ(run.status, 1);
+        std::istringstream lines(run.err);
+        int errorLines = 0;
+        for (std::string line; std::getline(lines, line);) {
+            if (line.rfind("error: ", 0) == 0)
+                ++errorLines;
+            else
+                EXPECT_TRUE(logComplaints && line.rfind("log4cxx: ", 0) == 0)
+                    << "standard error: " << run.err;
+        }
+        EXPECT_EQ(errorLines, 1) << "standard error: " << run.err;
+
+        const std::string answered = Hungry + job.reply;
+        if (run.out == answered + ErrorReply) {
+            // Failed after the job's own reply: the job had finished.
+            EXPECT_EQ(ReadFile(spool), baseline.spool);
+            EXPECT_EQ(EntryCount(), baseline.entries);
+            return;
+        }
+        EXPECT_TRUE(run.out == Hungry + ErrorReply || run.out == ErrorReply ||
+                    run.out == StartUpErrorReply)
+            << "standard output: " << run.out;
+        EXPECT_EQ(EntryCount(), 0u) << "a failed job withdraws its entry";
+        EXPECT_TRUE(SpoolInDocumentedState(ReadFile(spool), family))
+            << "spool file damaged beyond its documented states";
+    }
+
+    void ExpectReplyLost(const RunResult& run)
+    {
+        EXPECT_EQ(run.out, Hungry + Hungry);
+        EXPECT_EQ(run.err, "");
+        EXPECT_EQ(run.status, 0);
+        EXPECT_EQ(ReadFile(spool), baseline.spool);
+        EXPECT_EQ(EntryCount(), baseline.entries);
+    }
+
+    // Judges one run with a fault that fired; returns a one-letter outcome
+    // for the summary: S same, L reply lost, E error action.
+    char Judge(const std::string& family, const std::string& error, const RunResult& run,
+               const std::string& marker)
+    {
+        const Site site = SiteOf(family, marker);
+        const bool sameAsBaseline = run.out == baseline.out && run.status == baseline.status;
+        if (error == "EINTR" && RetriedOnEintr.count(family) != 0) {
+            ExpectSame(run, false);
+            return 'S';
+        }
+        switch (site) {
+        case Site::LogBackEnd:
+            // A lost log line must not lose mail: log4cxx either reports it
+            // on standard error and goes on, or throws out of an immediate-
+            // flush append, which fails the job the safe way.
+            if (sameAsBaseline) {
+                ExpectSame(run, true);
+                return 'S';
+            }
+            ExpectErrorAction(run, family, true);
+            return 'E';
+        case Site::OwnerHandOver:
+            // SetOwner's failure is logged and its result ignored.
+        case Site::Flush:
+            // The flush after a rewrite is advisory; its result is ignored.
+            ExpectSame(run, false);
+            return 'S';
+        case Site::Reply:
+            ExpectReplyLost(run);
+            return 'L';
+        case Site::Other:
+            break;
+        }
+        ExpectErrorAction(run, family, false);
+        return 'E';
+    }
+
+    TempDir rootDir;
+    TempDir scratch;
+    std::string root, base, work, spool, markerPath, tracePath, user;
+    std::unique_ptr<RefDaemon> refd;
+    std::unique_ptr<ShrinkingDaemon> shrinking;
+    struct {
+        std::string out;
+        int status = -1;
+        std::string spool;
+        std::size_t entries = 0;
+    } baseline;
+};
+
+TEST_P(FaultWalk, EveryFailurePointKeepsMailSafe)
+{
+    const Job& job = GetParam();
+
+    // Without a fault: the job's reply, the spool file as the job leaves it,
+    // and only paths under the test's root touched.
+    Reset();
+    const RunResult clean = RunJob("", true);
+    ASSERT_FALSE(clean.hung);
+    ASSERT_EQ(clean.out, Hungry + job.reply + Hungry);
+    ASSERT_EQ(clean.err, "");
+    ASSERT_EQ(clean.status, 0);
+    ASSERT_EQ(EntryCount(), job.entriesKept);
+    baseline.out = clean.out;
+    baseline.status = clean.status;
+    baseline.spool = ReadFile(spool);
+    baseline.entries = EntryCount();
+    switch (job.change) {
+    case Change::None:
+        ASSERT_EQ(baseline.spool, job.spool);
+        break;
+    case Change::CutHashLine:
+        ASSERT_EQ(baseline.spool, Envelope + FromLine + OtherHeaders + LargeBody);
+        break;
+    case Change::WriteBack:
+        ASSERT_EQ(baseline.spool.substr(0, Envelope.size()), Envelope);
+        ASSERT_NE(baseline.spool, job.spool);
+        break;
+    }
+    std::istringstream trace(ReadFile(tracePath));
+    for (std::string line; std::getline(trace, line);) {
+        const std::string path = Field(line, "path");
+        EXPECT_TRUE(path.empty() || path.rfind(root + "/", 0) == 0) << "outside the tree: " << line;
+    }
+    EXPECT_EQ(StrayPaths(), std::vector<std::string>());
+
+    std::map<std::string, std::string> summary;
+    long runs = 0;
+    for (const char* family : Families) {
+        for (const char* error : Errnos) {
+            for (long n = 1;; ++n) {
+                ASSERT_LT(n, WalkBound) << family << ":" << error << " never stopped firing";
+                const std::string fault =
+                    std::string(family) + ":" + std::to_string(n) + ":" + error;
+                Reset();
+                const RunResult run = RunJob(fault);
+                ++runs;
+                const std::string marker = ReadFile(markerPath);
+                SCOPED_TRACE(std::string(job.name) + " " + fault +
+                             " fired at: " + (marker.empty() ? "(nothing)\n" : marker) +
+                             "stdout: " + run.out + "stderr: " + run.err);
+                ASSERT_FALSE(run.hung) << "the filter hung";
+                char outcome = '-';
+                if (marker.empty())
+                    ExpectSame(run, false); // past the last call: nothing happened
+                else
+                    outcome = Judge(family, error, run, marker);
+                EXPECT_EQ(StrayPaths(), std::vector<std::string>());
+                EXPECT_TRUE(fs::is_empty(work)) << "written into the working directory";
+                if (HasFailure())
+                    return;
+                if (marker.empty())
+                    break;
+                summary[family] += outcome;
+            }
+            summary[family] += ' ';
+        }
+    }
+    std::cout << "[ walk ] " << job.name << ": " << runs << " runs\n";
+    for (const auto& row : summary)
+        std::cout << "[ walk ]   " << row.first << " (ENOSPC EIO EINTR): " << row.second << "\n";
+}
+
+INSTANTIATE_TEST_SUITE_P(Jobs, FaultWalk, ::testing::ValuesIn(Jobs),
+                         [](const ::testing::TestParamInfo<Job>& info) {
+                             return std::string(info.param.name);
+                         });
+
+} // namespace
