@@ -1,0 +1,183 @@
+// tests/faults/HygieneTest.cpp: the filter under hostile input and a careless
+// parent: the secure-hash comparison gives a plain comparison's answer, job
+// lines are only ever paths (never a command or a format), and what the
+// filter creates is never world-readable, whatever umask it inherited.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include <boost/filesystem.hpp>
+#include <gtest/gtest.h>
+
+#include "frame/FilterSettings.h"
+#include "platform/receiver/Mail.h"
+#include "spool/EnvelopeReader.h"
+#include "spool/HeaderScanner.h"
+#include "support/ChildProcess.h"
+#include "support/RefDaemon.h"
+#include "support/TempDir.h"
+
+namespace
+{
+
+namespace fs = boost::filesystem;
+
+const std::string Hungry = "#hungry\n";
+const std::string TempfailLine = "1 451 4.3.0 Temporary rejected by Vorex Quelt. Try later.";
+const std::string Headers = "From: alice@example.org\nTo: bob@example.net\n";
+const std::string Body = "\nbody\n";
+
+// The gate's answer for a hash header carrying value, with hash configured:
+// true when it passed, and then the line must be gone; false when the
+// message goes on to the daemon with the file untouched.
+bool HashPasses(const std::string& value, const std::string& hash)
+{
+    TempDir dir;
+    const std::string path = dir / "spool";
+    const std::string spool = "env-end\n" + Headers + "X-Vorex-Hash: " + value + "\n" + Body;
+    WriteFile(path, spool);
+    FILE* stream = std::fopen(path.c_str(), "r+");
+    if (stream == nullptr)
+        throw std::runtime_error("cannot open " + path);
+    static char buffer[8192];
+    (void)std::setvbuf(stream, buffer, _IOFBF, sizeof buffer); // as the job does; not under test
+
+    const std::string saved = filterSettings.hash;
+    filterSettings.hash = hash;
+    Mail mail;
+    bool senderFound = false, recipientFound = false;
+    (void)ReadEnvelope(stream, mail, senderFound, recipientFound);
+    const bool passed = ScanHeaders(stream, path.c_str(), mail, senderFound, recipientFound);
+    filterSettings.hash = saved;
+    (void)std::fclose(stream); // nothing buffered for writing
+
+    const std::string after = ReadFile(path);
+    EXPECT_EQ(after, passed ? "env-end\n" + Headers + Body : spool) << "'" << value << "'";
+    return passed;
+}
+
+TEST(HashComparison, EqualOnlyWithTheSameLengthAndBytes)
+{
+    const struct {
+        const char* name;
+        std::string value;
+        std::string hash;
+        bool passes;
+    } rows[] = {
+        {"same", "s3cret-hash-value", "s3cret-hash-value", true},
+        {"firstByteDiffers", "x3cret-hash-value", "s3cret-hash-value", false},
+        {"middleByteDiffers", "s3cret-hXsh-value", "s3cret-hash-value", false},
+        {"lastByteDiffers", "s3cret-hash-valuX", "s3cret-hash-value", false},
+        {"valueIsAPrefix", "s3cret-hash-valu", "s3cret-hash-value", false},
+        {"hashIsAPrefix", "s3cret-hash-value2", "s3cret-hash-value", false},
+        {"emptyValue", "", "s3cret-hash-value", false},
+        {"letterCase", "S3CRET-HASH-VALUE", "s3cret-hash-value", false},
+        {"highBitOnly", "s3cret-hash-valu\xe5", "s3cret-hash-valu\x65", false},
+        {"eightBitSame", "s3cr\xe9t", "s3cr\xe9t", true},
+        {"bothEmpty", "", "", true},
+        {"valueWithoutHash", "s3cret", "", false},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(HashPasses(row.value, row.hash), row.passes) << row.name;
+}
+
+class HostileRun : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        basedir = dir / "base";
+        work = dir / "work";
+        fs::create_directories(basedir);
+        fs::create_directories(work);
+        basedir += "/";
+    }
+
+    std::vector<std::string> Args() const
+    {
+        return {VOREX_ZMAILER,
+                "--user",
+                "",
+                "--basedir",
+                basedir,
+                "--log-filename",
+                basedir + "zmailer.log",
+                "--level",
+                "debug",
+                "--timeout",
+                "10",
+                "-e",
+                "tempfail"};
+    }
+
+    TempDir dir;
+    std::string basedir;
+    std::string work;
+};
+
+TEST_F(HostileRun, JobLinesAreOnlyPaths)
+{
+    RefDaemon daemon(basedir, {"--verdict", "1"});
+    const std::string lines[] = {"$(touch x)", "`touch x`",    "; touch x",
+                                 "| touch x",  "%n%s%s%s%s%n", "%x%x%x%x"};
+    for (const std::string& line : lines) {
+        ChildProcess filter(Args(), work);
+        filter.Write(line + "\n");
+        std::string out, err;
+        const int status = filter.Wait(&out, &err);
+        EXPECT_EQ(out, Hungry + TempfailLine + " Internal error\n") << line;
+        EXPECT_EQ(err, "error: can not open file " + line +
+                           " for read/write:No such file or directory\n")
+            << line;
+        EXPECT_EQ(status, 1) << line;
+        EXPECT_TRUE(fs::is_empty(work)) << line << ": something was made in the working directory";
+        // The debug line quotes the job line as it came.
+        EXPECT_NE(ReadFile(basedir + "zmailer.log").find(" - file - '" + line + "'\n"),
+                  std::string::npos)
+            << line;
+    }
+}
+
+mode_t ModeOf(const std::string& path)
+{
+    struct stat status;
+    return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 07777;
+}
+
+// The filter sets its own umask (002); a parent with umask 0 must not make
+// anything of the filter's world-readable or world-writable.
+TEST_F(HostileRun, CreatedFilesAreNeverWorldReadable)
+{
+    RefDaemon daemon(basedir, {"--verdict", "2"}); // reject: the entry stays
+    const std::string spool = dir / "spool";
+    WriteFile(spool, "from <alice@example.org>\nto <bob@example.net>\nenv-end\n" + Headers + Body);
+
+    const mode_t parentMask = ::umask(0);
+    ChildProcess filter(Args(), work);
+    (void)::umask(parentMask);
+    filter.Write(spool + "\n");
+    std::string out;
+    ASSERT_EQ(filter.Wait(&out), 0);
+    ASSERT_EQ(out, Hungry + "-1 550 5.7.1 Rejected by Vorex Quelt!\n" + Hungry);
+
+    std::vector<fs::path> entries(fs::directory_iterator(fs::path(basedir) / "msgs"), {});
+    ASSERT_EQ(entries.size(), 1u);
+    const std::string entry = entries.front().string();
+    const struct {
+        std::string path;
+        mode_t mode;
+    } rows[] = {
+        {entry, 0770},
+        {entry + "/.envelope", 0660},
+        {entry + "/.msg", 0660},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(ModeOf(row.path), row.mode) << row.path;
+    EXPECT_EQ(ModeOf(basedir + "zmailer.log") & 0007, 0u) << "the log file";
+    EXPECT_EQ(ModeOf(basedir + "msgs") & 0007, 0u) << "the entries folder";
+}
+
+} // namespace
