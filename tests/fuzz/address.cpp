@@ -1,0 +1,80 @@
+// tests/fuzz/address.cpp: libFuzzer target over the address normaliser as
+// its three callers use it. The first byte picks the caller; the rest is
+// shaped as that caller hands it over: RfUtils::MakeAddress gets the rest of
+// an envelope line (no line feed but the last), Mail::AddRushechkiToAddress a
+// trimmed From value and Mail::SetToField the comma-split, trimmed items of
+// a To header (neither with a line feed). Traps unless every result is in
+// the record's address form: "<", the address, ">", no line end inside.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/split.hpp>
+#include <boost/algorithm/string/trim.hpp>
+
+#include "platform/receiver/Mail.h"
+#include "platform/receiver/RfUtils.h"
+
+namespace
+{
+
+void Check(const std::string& address)
+{
+    if (address.size() < 2 || address.front() != '<' || address.back() != '>' ||
+        address.find('\n') != std::string::npos) {
+        std::fprintf(stderr, "address: not in address form: '%s'\n", address.c_str());
+        std::abort();
+    }
+}
+
+// Text as a line reader delivers it: no NUL (the readers work on C strings)
+// and no line feed.
+std::string LineText(const uint8_t* data, std::size_t size)
+{
+    std::string text;
+    for (std::size_t i = 0; i < size; ++i)
+        if (data[i] != '\0' && data[i] != '\n')
+            text += static_cast<char>(data[i]);
+    return text;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
+{
+    if (size == 0)
+        return 0;
+    std::string text = LineText(data + 1, size - 1);
+    switch (data[0] % 3) {
+    case 0: {
+        // The rest of a "from " or "to " line, line end included unless the
+        // line was cut at the buffer's end.
+        if (data[0] & 0x80)
+            text += '\n';
+        RfUtils::MakeAddress(text);
+        Check(text);
+        break;
+    }
+    case 1:
+        boost::algorithm::trim_if(text, boost::algorithm::is_space());
+        Mail::AddRushechkiToAddress(text);
+        Check(text);
+        break;
+    default: {
+        std::vector<std::string> items;
+        boost::algorithm::split(items, text, boost::algorithm::is_any_of(","),
+                                boost::algorithm::token_compress_off);
+        for (std::string& item : items)
+            boost::algorithm::trim_if(item, boost::algorithm::is_space());
+        Mail mail;
+        mail.SetToField(items);
+        for (const std::string& recipient : mail.recipients)
+            Check(recipient);
+        break;
+    }
+    }
+    return 0;
+}
