@@ -9,6 +9,7 @@
 #include <cctype>
 
 #include <log4cxx/fileappender.h>
+#include <log4cxx/helpers/exception.h>
 #include <log4cxx/helpers/pool.h>
 #include <log4cxx/level.h>
 #include <log4cxx/logmanager.h>
@@ -91,7 +92,14 @@ LogClass::LogClass() : logger(QuietRootLogger()) {}
 
 void LogClass::forcedLog(int level, const std::string& text) const
 {
-    logger->forcedLog(LevelByNumber(level), text);
+    // The file appender throws when a line cannot be written (disk full, I/O
+    // error). Logging must never change an answer or end the process: the
+    // driver's failure handler logs too, and a throw from there would abort
+    // the filter. The line is lost; that is all a full log disk costs.
+    try {
+        logger->forcedLog(LevelByNumber(level), text);
+    } catch (const log4cxx::helpers::IOException&) {
+    }
 }
 
 void LogClass::SetName(const std::string& newName)
