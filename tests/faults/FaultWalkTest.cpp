@@ -36,6 +36,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <boost/filesystem.hpp>
@@ -396,21 +397,13 @@ protected:
 
     std::vector<std::string> Argv() const
     {
-        std::vector<std::string> argv = {VOREX_ZMAILER,
-                                         "-Z",
-                                         "/etc/zmailer/zmailer.conf",
-                                         "--interface",
-                                         "1",
-                                         "--user",
-                                         user,
-                                         "--basedir",
-                                         base + "/",
-                                         "--log-filename",
-                                         base + "/zmailer.log",
-                                         "--timeout",
-                                         "10",
-                                         "--error-action",
-                                         "tempfail"};
+        std::vector<std::string> argv = {VOREX_ZMAILER, "-Z", "/etc/zmailer/zmailer.conf"};
+        const std::pair<const char*, std::string> options[] = {
+            {"--interface", "1"},      {"--user", user},
+            {"--basedir", base + "/"}, {"--log-filename", base + "/zmailer.log"},
+            {"--timeout", "10"},       {"--error-action", "tempfail"}};
+        for (const auto& option : options)
+            argv.insert(argv.end(), {option.first, option.second});
         const Job& job = GetParam();
         argv.insert(argv.end(), job.extraArgs.begin(), job.extraArgs.end());
         return argv;
