@@ -64,6 +64,16 @@ bool MsgEntryImpl::SetOwner(int32_t uid, int32_t gid)
 
 bool MsgEntryImpl::Remove()
 {
+    // The usual entry holds just the two files the filter wrote: three calls
+    // remove it. Anything the daemon added is left to the tree walk.
+    for (const std::string& name :
+         {std::string(EnvelopeFilename), ConfHolderShared::GetMsgFilename()}) {
+        const std::string path = dir + "/" + name;
+        if (::unlink(path.c_str()) != 0 && errno != ENOENT)
+            break; // the walk below meets the same file and reports it
+    }
+    if (::rmdir(dir.c_str()) == 0 || errno == ENOENT)
+        return true;
     boost::system::error_code error;
     boost::filesystem::remove_all(dir, error);
     if (error) {
