@@ -10,6 +10,7 @@
 
 #include <log4cxx/fileappender.h>
 #include <log4cxx/helpers/exception.h>
+#include <log4cxx/helpers/loglog.h>
 #include <log4cxx/helpers/pool.h>
 #include <log4cxx/level.h>
 #include <log4cxx/logmanager.h>
@@ -79,6 +80,9 @@ log4cxx::LoggerPtr QuietRootLogger()
 {
     static const log4cxx::LoggerPtr root = [] {
         log4cxx::LogManager::getLoggerRepository()->setConfigured(true);
+        // The back end's own complaints (an appender that failed to open,
+        // say) would go to standard error as well.
+        log4cxx::helpers::LogLog::setQuietMode(true);
         log4cxx::LoggerPtr logger = log4cxx::Logger::getRootLogger();
         logger->setLevel(log4cxx::Level::getOff());
         return logger;
