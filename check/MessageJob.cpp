@@ -27,7 +27,8 @@
 #include "spool/SpoolRegions.h"
 #include "spool/SpoolUpdate.h"
 
-namespace {
+namespace
+{
 
 // The spool stream's buffer, shared by all jobs of the process; jobs never
 // overlap, so it is never in two streams at once.
@@ -35,7 +36,8 @@ char spoolStreamBuffer[8192];
 
 // Withdraws the daemon entry when a failure leaves the job while the entry
 // is held. Dismissed once the job has answered.
-class EntryWithdrawal {
+class EntryWithdrawal
+{
 public:
     explicit EntryWithdrawal(MsgEntry* entry) : entry(entry) {}
     ~EntryWithdrawal()
@@ -80,8 +82,8 @@ VerdictFlags CheckWithDaemon(Receiver& receiver, FILE* spoolStream, const char* 
 
     mail.LogMail();
     if (!mail.SaveEnvelope(boost::filesystem::path(entry->GetDir())))
-        throw std::domain_error(std::string("error in saving envelope to dir [") +
-                                entry->GetDir() + "]");
+        throw std::domain_error(std::string("error in saving envelope to dir [") + entry->GetDir() +
+                                "]");
 
     const std::string msgPath = MsgPath(*entry);
     Descriptor msgFile(::creat(msgPath.c_str(), 0660));
@@ -148,8 +150,7 @@ VerdictFlags VxWorker::ProcessFile(const char* spoolPath)
         bool recipientFound = false;
         const int64_t envelopeSize = ReadEnvelope(stream, mail, senderFound, recipientFound);
 
-        const bool headersNeeded =
-            !filterSettings.hash.empty() || !senderFound || !recipientFound;
+        const bool headersNeeded = !filterSettings.hash.empty() || !senderFound || !recipientFound;
         if (headersNeeded && ScanHeaders(stream, spoolPath, mail, senderFound, recipientFound)) {
             WriteReply(0, "");
             verdict = VerdictPass;

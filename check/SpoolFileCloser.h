@@ -5,7 +5,8 @@
 
 #include <cstdio>
 
-class SpoolFileCloser {
+class SpoolFileCloser
+{
 public:
     explicit SpoolFileCloser(FILE* stream) : stream(stream) {}
     ~SpoolFileCloser();

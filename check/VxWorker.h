@@ -8,7 +8,8 @@
 #include "platform/receiver/Receiver.h"
 #include "platform/receiver/RefHolder.h"
 
-class VxWorker {
+class VxWorker
+{
 public:
     explicit VxWorker(const std::string& receiverId);
     virtual ~VxWorker();

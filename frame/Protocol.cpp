@@ -6,7 +6,8 @@
 
 #include "platform/ipc/Connection.h"
 
-namespace {
+namespace
+{
 
 const char HungryMarker[] = "#hungry\n";
 const std::size_t HungryMarkerLength = sizeof(HungryMarker) - 1;

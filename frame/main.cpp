@@ -18,7 +18,8 @@
 #include "platform/ipc/Connection.h"
 #include "platform/log/LogClass.h"
 
-namespace {
+namespace
+{
 
 // A job line holds at most 4,111 bytes; a longer line reaches the job in
 // pieces of that size.

@@ -8,7 +8,8 @@
 class ThreadPool;
 class TimeoutIf;
 
-class Connection {
+class Connection
+{
 public:
     // Writes all length bytes of data to fd, retrying short writes and
     // interrupted calls. Returns the count written (length on success) or -1

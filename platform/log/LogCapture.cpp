@@ -9,9 +9,11 @@
 #include <log4cxx/patternlayout.h>
 #include <log4cxx/spi/loggingevent.h>
 
-namespace {
+namespace
+{
 
-class MemoryAppender : public log4cxx::AppenderSkeleton {
+class MemoryAppender : public log4cxx::AppenderSkeleton
+{
 public:
     std::vector<std::string> lines;
 

@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-class LogCapture {
+class LogCapture
+{
 public:
     LogCapture();
     ~LogCapture();

@@ -25,7 +25,8 @@ LogClass& GetIpcLog()
     return ipcLog;
 }
 
-namespace {
+namespace
+{
 
 log4cxx::LevelPtr LevelByNumber(int level)
 {

@@ -8,7 +8,8 @@
 
 #include <log4cxx/logger.h>
 
-class LogClass {
+class LogClass
+{
 public:
     // Levels as the suite numbers them, for forcedLog.
     enum { Fatal = 1, Error = 2, Warn = 3, Info = 4, Debug = 5 };

@@ -13,8 +13,10 @@ VxNDC::~VxNDC()
     log4cxx::NDC::pop();
 }
 
-namespace vorex {
-namespace quelt {
+namespace vorex
+{
+namespace quelt
+{
 
 std::string GetMsgNDC(const char* id, int32_t idLength, const char*, const char*)
 {

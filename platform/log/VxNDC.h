@@ -6,7 +6,8 @@
 #include <cstdint>
 #include <string>
 
-class VxNDC {
+class VxNDC
+{
 public:
     explicit VxNDC(const std::string& context);
     ~VxNDC();
@@ -14,13 +15,14 @@ public:
     VxNDC& operator=(const VxNDC&) = delete;
 };
 
-namespace vorex {
-namespace quelt {
+namespace vorex
+{
+namespace quelt
+{
 
 // The context text for a message: "msg " and the first idLength bytes of id.
 // The two further texts of the suite's signature are accepted and unused.
-std::string GetMsgNDC(const char* id, int32_t idLength, const char* unusedA,
-                      const char* unusedB);
+std::string GetMsgNDC(const char* id, int32_t idLength, const char* unusedA, const char* unusedB);
 
 } // namespace quelt
 } // namespace vorex

@@ -3,7 +3,8 @@
 
 #include <string>
 
-class ConfHolderShared {
+class ConfHolderShared
+{
 public:
     // ".msg": the message copy inside an entry directory.
     static const std::string& GetMsgFilename();

@@ -2,7 +2,8 @@
 // when the open that produced it failed; closes what it holds when it goes.
 #pragma once
 
-class Descriptor {
+class Descriptor
+{
 public:
     explicit Descriptor(int fd) : fd(fd) {}
     virtual ~Descriptor();

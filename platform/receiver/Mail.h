@@ -8,7 +8,8 @@
 
 #include <boost/filesystem/path.hpp>
 
-template <class String> class MailBase {
+template <class String> class MailBase
+{
 public:
     virtual ~MailBase() = default;
 
@@ -25,7 +26,8 @@ public:
     bool SaveEnvelope(const boost::filesystem::path& dir) const;
 };
 
-class Mail : public MailBase<std::string> {
+class Mail : public MailBase<std::string>
+{
 public:
     // Turns a From header value (trimmed) into the address form.
     static void AddRushechkiToAddress(std::string& text);

@@ -13,7 +13,8 @@
 // The flags the filter always passes to Receiver::Init.
 constexpr uint32_t ReceiverInitFlags = 0x4804;
 
-class MsgEntry : public virtual RefObject {
+class MsgEntry : public virtual RefObject
+{
 public:
     // Hands the entry directory and its files to that account. A failure is
     // logged at warn level and returned, never thrown.
@@ -29,7 +30,8 @@ public:
     virtual bool Remove() = 0;
 };
 
-class Receiver : public virtual RefObject {
+class Receiver : public virtual RefObject
+{
 public:
     // Brings the Receiver up on base directory basedir (ending in "/") with the
     // receiver id and the time limit for one message in seconds. False when

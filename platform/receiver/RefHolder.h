@@ -5,7 +5,8 @@
 
 #include <utility>
 
-template <class T> class RefHolder {
+template <class T> class RefHolder
+{
 public:
     RefHolder() = default;
     explicit RefHolder(T* object) : object(object)

@@ -3,7 +3,8 @@
 // its last reference is dropped; nobody deletes one directly.
 #pragma once
 
-class RefObject {
+class RefObject
+{
 public:
     virtual void AddRef() = 0;
     virtual void Release() = 0;

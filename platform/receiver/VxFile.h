@@ -8,13 +8,15 @@
 class TimeoutIf;
 
 // Sees each block on its way from source to target and may change it.
-class CopyFilter {
+class CopyFilter
+{
 public:
     virtual ~CopyFilter() = default;
     virtual void Filter(char*& block, ssize_t& length) = 0;
 };
 
-class VxFile {
+class VxFile
+{
 public:
     // Copies exactly count bytes from src's current offset to dst's current
     // offset, front to back, advancing both. Correct within one file when the
