@@ -19,7 +19,8 @@
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
 
-namespace {
+namespace
+{
 
 namespace fs = boost::filesystem;
 
@@ -42,7 +43,8 @@ struct Outcome {
     VerdictFlags result = 0;
 };
 
-class MessageJob : public ::testing::Test {
+class MessageJob : public ::testing::Test
+{
 protected:
     void SetUp() override
     {
@@ -106,28 +108,60 @@ struct VerdictRow {
 };
 
 const VerdictRow verdictRows[] = {
-    {"pass", {"--verdict", "1", "--note", "clean"}, "0 250 2.6.0 Okey. Go ahead! clean\n", "", 1,
+    {"pass",
+     {"--verdict", "1", "--note", "clean"},
+     "0 250 2.6.0 Okey. Go ahead! clean\n",
+     "",
+     1,
      false},
     {"passWithoutNote", {"--verdict", "1"}, "0 250 2.6.0 Okey. Go ahead!\n", "", 1, false},
     {"passHeadersChanged", {"--verdict", "513"}, "0 250 2.6.0 Okey. Go ahead!\n", "", 513, false},
-    {"passBodyAndHeadersChanged", {"--verdict", "2561"}, "0 250 2.6.0 Okey. Go ahead!\n", "", 2561,
+    {"passBodyAndHeadersChanged",
+     {"--verdict", "2561"},
+     "0 250 2.6.0 Okey. Go ahead!\n",
+     "",
+     2561,
      false},
     {"daemonError", {"--verdict", "33"}, "", "error in vorex-quelt", 0, false},
     {"daemonErrorBeforeTakenOver", {"--verdict", "96"}, "", "error in vorex-quelt", 0, false},
-    {"takenOver", {"--verdict", "65", "--note", "mine"},
-     "-1 250 2.7.1 Discarded by Vorex Quelt! mine\n", "", 8, true},
-    {"envelopeChangedOnPass", {"--verdict", "1025"}, "",
-     "Envelope changed: can not update this thing!", 0, false},
-    {"envelopeChangedOnReject", {"--verdict", "1026"}, "-1 550 5.7.1 Rejected by Vorex Quelt!\n",
-     "", 1026, true},
-    {"headersChangedOnReject", {"--verdict", "514", "--note", "spam"},
-     "-1 550 5.7.1 Rejected by Vorex Quelt! spam\n", "", 514, true},
-    {"tempfail", {"--verdict", "4"},
-     "1 451 4.3.0 Temporary rejected by Vorex Quelt. Try later.\n", "", 4, true},
+    {"takenOver",
+     {"--verdict", "65", "--note", "mine"},
+     "-1 250 2.7.1 Discarded by Vorex Quelt! mine\n",
+     "",
+     8,
+     true},
+    {"envelopeChangedOnPass",
+     {"--verdict", "1025"},
+     "",
+     "Envelope changed: can not update this thing!",
+     0,
+     false},
+    {"envelopeChangedOnReject",
+     {"--verdict", "1026"},
+     "-1 550 5.7.1 Rejected by Vorex Quelt!\n",
+     "",
+     1026,
+     true},
+    {"headersChangedOnReject",
+     {"--verdict", "514", "--note", "spam"},
+     "-1 550 5.7.1 Rejected by Vorex Quelt! spam\n",
+     "",
+     514,
+     true},
+    {"tempfail",
+     {"--verdict", "4"},
+     "1 451 4.3.0 Temporary rejected by Vorex Quelt. Try later.\n",
+     "",
+     4,
+     true},
     {"discard", {"--verdict", "8"}, "-1 250 2.7.1 Discarded by Vorex Quelt!\n", "", 8, true},
     {"noVerdictBitAnswersPass", {"--verdict", "0"}, "0 250 2.6.0 Okey. Go ahead!\n", "", 0, true},
-    {"unknownBits", {"--verdict", "16"}, "-1 550 5.7.1 Unknown action code 16 in Vorex Quelt!\n",
-     "", 16, true},
+    {"unknownBits",
+     {"--verdict", "16"},
+     "-1 550 5.7.1 Unknown action code 16 in Vorex Quelt!\n",
+     "",
+     16,
+     true},
 };
 
 TEST_F(MessageJob, EachVerdictAnswersAndKeepsTheSpoolFile)
@@ -262,7 +296,8 @@ TEST_F(MessageJob, FailuresBeforeTheEntryNameTheirCause)
         {"directory", dir / "adir",
          "can not open file " + (dir / "adir") + " for read/write:Is a directory"},
         {"noRecipient", dir / "norcpt", "can not find rcpt(s) in envelope and msg"},
-        {"shellText", "$(touch x)", "can not open file $(touch x) for read/write:No such file or directory"},
+        {"shellText", "$(touch x)",
+         "can not open file $(touch x) for read/write:No such file or directory"},
         {"formatText", "%n%s", "can not open file %n%s for read/write:No such file or directory"},
     };
     for (const auto& row : rows) {

@@ -14,7 +14,8 @@
 #include "support/RefDaemon.h"
 #include "support/TempDir.h"
 
-namespace {
+namespace
+{
 
 namespace fs = boost::filesystem;
 
@@ -40,7 +41,8 @@ struct RunResult {
     int status = -1;
 };
 
-class FilterRun : public ::testing::Test {
+class FilterRun : public ::testing::Test
+{
 protected:
     void SetUp() override
     {
@@ -107,8 +109,7 @@ TEST_F(FilterRun, ConversationAtInterfaceOne)
     filter.Write(clean + "\n");
     EXPECT_EQ(filter.ReadStdoutUntil(Hungry), PassLine + " clean\n" + Hungry);
     filter.Write(infected + "\n");
-    EXPECT_EQ(filter.ReadStdoutUntil(Hungry),
-              RejectLine + " infected: EICAR-Test-File\n" + Hungry);
+    EXPECT_EQ(filter.ReadStdoutUntil(Hungry), RejectLine + " infected: EICAR-Test-File\n" + Hungry);
     RunResult run;
     run.status = filter.Wait(&run.out, &run.err);
     EXPECT_EQ(run.status, 0);
@@ -117,8 +118,8 @@ TEST_F(FilterRun, ConversationAtInterfaceOne)
 
     const std::string checked = "X-Vorex-Checked: clean\n";
     const size_t headersAt = cleanSpool.find("From:");
-    EXPECT_EQ(ReadFile(clean), cleanSpool.substr(0, headersAt) + checked +
-                                   cleanSpool.substr(headersAt));
+    EXPECT_EQ(ReadFile(clean),
+              cleanSpool.substr(0, headersAt) + checked + cleanSpool.substr(headersAt));
     EXPECT_EQ(ReadFile(infected), cleanSpool + Eicar + "\n");
     EXPECT_EQ(EntryCount(), 1u) << "only the rejected message keeps its entry";
 }
@@ -198,23 +199,38 @@ TEST_F(FilterRun, StartUpFailuresAnswerTheActionHeldAtThatMoment)
         std::string out;
         std::string err;
     } rows[] = {
-        {"unknownOption", {"--bogus"}, PassLine + " Internal error\n",
+        {"unknownOption",
+         {"--bogus"},
+         PassLine + " Internal error\n",
          "error: unrecognised option '--bogus'\n"},
-        {"badInterface", {"--interface", "2"}, PassLine + " Internal error\n",
+        {"badInterface",
+         {"--interface", "2"},
+         PassLine + " Internal error\n",
          "error: interface must be 0 or 1\n"},
-        {"badTimeout", {"--timeout", "0"}, PassLine + " Internal error\n",
+        {"badTimeout",
+         {"--timeout", "0"},
+         PassLine + " Internal error\n",
          "error: timeout must be > 0\n"},
-        {"badErrorAction", {"--error-action", "quarantine"}, PassLine + " Internal error\n",
+        {"badErrorAction",
+         {"--error-action", "quarantine"},
+         PassLine + " Internal error\n",
          "error: error in param error-action\n"},
-        {"fileWithoutHash", {"--file", "/x"}, PassLine + " Internal error\n",
+        {"fileWithoutHash",
+         {"--file", "/x"},
+         PassLine + " Internal error\n",
          "error: --file is defined, but --hash is not! Please, set it from Sender/SecureHash "
          "param.\n"},
-        {"unknownUser", {"--user", "no-such-user-here"}, RejectLine + " Internal error\n",
+        {"unknownUser",
+         {"--user", "no-such-user-here"},
+         RejectLine + " Internal error\n",
          "error: fail to find uid/gid for user no-such-user-here. getpwnam error\n"},
-        {"unknownUserTempfail", {"--user", "no-such-user-here", "-e", "TempFail"},
+        {"unknownUserTempfail",
+         {"--user", "no-such-user-here", "-e", "TempFail"},
          TempfailLine + " Internal error\n",
          "error: fail to find uid/gid for user no-such-user-here. getpwnam error\n"},
-        {"receiverDown", {"--basedir", "/nonexistent/base"}, RejectLine + " Internal error\n",
+        {"receiverDown",
+         {"--basedir", "/nonexistent/base"},
+         RejectLine + " Internal error\n",
          "error: can not initialize Receiver module\n"},
     };
     for (const auto& row : rows) {
@@ -287,7 +303,8 @@ TEST_F(FilterRun, SharedSamplesAllReachTheDaemon)
     for (const fs::directory_entry& sample : fs::directory_iterator(ZMAILER_SAMPLES)) {
         if (sample.path().extension() != ".spool")
             continue;
-        std::string copy = Spool(sample.path().filename().string(), ReadFile(sample.path().string()));
+        std::string copy =
+            Spool(sample.path().filename().string(), ReadFile(sample.path().string()));
         input += copy + "\n";
     }
     RunResult run = RunWith(Args({}), input);

@@ -10,7 +10,8 @@
 #include "frame/Protocol.h"
 #include "support/StdoutCapture.h"
 
-namespace {
+namespace
+{
 
 struct ReplyRow {
     const char* name;
@@ -35,8 +36,7 @@ const ReplyRow replyRows[] = {
     {"negative", -3, nullptr, "-1 550 5.7.1 Unknown action code -3 in Vorex Quelt!\n"},
     {"minimum", INT32_MIN, nullptr,
      "-1 550 5.7.1 Unknown action code -2147483648 in Vorex Quelt!\n"},
-    {"unknownWithNote", 64, "x",
-     "-1 550 5.7.1 Unknown action code 64 in Vorex Quelt! x\n"},
+    {"unknownWithNote", 64, "x", "-1 550 5.7.1 Unknown action code 64 in Vorex Quelt! x\n"},
 };
 
 TEST(ReplyLines, EachActionCodeWritesItsExactLine)

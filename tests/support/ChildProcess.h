@@ -18,7 +18,8 @@
 
 extern char** environ;
 
-class ChildProcess {
+class ChildProcess
+{
 public:
     static constexpr int ReadBoundMs = 20000;
 
@@ -90,8 +91,14 @@ public:
 
     // Reads standard output until it ends with suffix (or the bound runs out,
     // or the output ends); returns everything read since the last call.
-    std::string ReadStdoutUntil(const std::string& suffix) { return ReadUntil(stdoutFd, outBuf, suffix); }
-    std::string ReadStderrUntil(const std::string& suffix) { return ReadUntil(stderrFd, errBuf, suffix); }
+    std::string ReadStdoutUntil(const std::string& suffix)
+    {
+        return ReadUntil(stdoutFd, outBuf, suffix);
+    }
+    std::string ReadStderrUntil(const std::string& suffix)
+    {
+        return ReadUntil(stderrFd, errBuf, suffix);
+    }
 
     // Waits for the end and returns the exit status (128 + signal when killed),
     // collecting whatever output is left.

@@ -11,7 +11,8 @@
 
 #include "support/ChildProcess.h"
 
-class RefDaemon {
+class RefDaemon
+{
 public:
     RefDaemon(const std::string& basedir, std::vector<std::string> extraArgs = {})
     {

@@ -9,7 +9,8 @@
 #include <stdexcept>
 #include <string>
 
-class StdoutCapture {
+class StdoutCapture
+{
 public:
     StdoutCapture()
     {

@@ -9,7 +9,8 @@
 
 #include <boost/filesystem.hpp>
 
-class TempDir {
+class TempDir
+{
 public:
     TempDir()
     {
