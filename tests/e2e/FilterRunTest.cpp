@@ -4,26 +4,18 @@
 #include <algorithm>
 #include <cctype>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
-#include "support/ChildProcess.h"
+#include "support/FilterSandbox.h"
 #include "support/RefDaemon.h"
-#include "support/TempDir.h"
 
 namespace
 {
 
 namespace fs = boost::filesystem;
-
-const std::string Hungry = "#hungry\n";
-const std::string PassLine = "0 250 2.6.0 Okey. Go ahead!";
-const std::string RejectLine = "-1 550 5.7.1 Rejected by Vorex Quelt!";
-const std::string TempfailLine = "1 451 4.3.0 Temporary rejected by Vorex Quelt. Try later.";
-const std::string Eicar = "X5O!P%@AP[4\\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*";
 
 const std::string cleanSpool = "external\n"
                                "from <alice@example.org>\n"
@@ -35,66 +27,8 @@ const std::string cleanSpool = "external\n"
                                "\n"
                                "Hello Bob.\n";
 
-struct RunResult {
-    std::string out;
-    std::string err;
-    int status = -1;
-};
-
-class FilterRun : public ::testing::Test
+class FilterRun : public ::testing::Test, protected FilterSandbox
 {
-protected:
-    void SetUp() override
-    {
-        basedir = dir / "base";
-        fs::create_directories(basedir);
-        basedir += "/";
-    }
-
-    // The test's own settings, each unless extra gives that option itself.
-    std::vector<std::string> Args(std::vector<std::string> extra) const
-    {
-        const std::vector<std::pair<std::string, std::string>> defaults = {
-            {"--user", ""},
-            {"--basedir", basedir},
-            {"--log-filename", basedir + "zmailer.log"},
-            {"--timeout", "10"}};
-        std::vector<std::string> args = {VOREX_ZMAILER, "-Z", "/etc/zmailer/zmailer.conf"};
-        for (const auto& option : defaults)
-            if (std::find(extra.begin(), extra.end(), option.first) == extra.end())
-                args.insert(args.end(), {option.first, option.second});
-        args.insert(args.end(), extra.begin(), extra.end());
-        return args;
-    }
-
-    // Runs the filter with all of input on its standard input at once.
-    RunResult RunWith(const std::vector<std::string>& args, const std::string& input = "")
-    {
-        ChildProcess filter(args);
-        if (!input.empty())
-            filter.Write(input);
-        RunResult run;
-        run.status = filter.Wait(&run.out, &run.err);
-        return run;
-    }
-
-    std::string Spool(const std::string& name, const std::string& bytes)
-    {
-        std::string path = dir / name;
-        WriteFile(path, bytes);
-        return path;
-    }
-
-    size_t EntryCount() const
-    {
-        fs::path msgs = fs::path(basedir) / "msgs";
-        if (!fs::exists(msgs))
-            return 0;
-        return static_cast<size_t>(std::distance(fs::directory_iterator(msgs), {}));
-    }
-
-    TempDir dir;
-    std::string basedir;
 };
 
 TEST_F(FilterRun, ConversationAtInterfaceOne)
@@ -128,7 +62,7 @@ TEST_F(FilterRun, InterfaceZeroWritesNoMarker)
 {
     RefDaemon daemon(basedir, {"--verdict", "1"});
     std::string a = Spool("a", cleanSpool), b = Spool("b", cleanSpool);
-    RunResult run = RunWith(Args({"--interface", "0"}), a + "\n" + b + "\n");
+    RunResult run = RunProgram(Args({"--interface", "0"}), a + "\n" + b + "\n");
     EXPECT_EQ(run.out, PassLine + "\n" + PassLine + "\n");
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(EntryCount(), 0u);
@@ -138,7 +72,7 @@ TEST_F(FilterRun, RouterStageRunsOneJobWithoutReadingInput)
 {
     RefDaemon daemon(basedir, {"--verdict", "4"});
     std::string spool = Spool("spool", cleanSpool);
-    RunResult run = RunWith(Args({"--file", spool, "--hash", "s3cret"}), "/not/read\n");
+    RunResult run = RunProgram(Args({"--file", spool, "--hash", "s3cret"}), "/not/read\n");
     EXPECT_EQ(run.out, TempfailLine + "\n");
     EXPECT_EQ(run.err, "");
     EXPECT_EQ(run.status, 0);
@@ -149,7 +83,7 @@ TEST_F(FilterRun, RouterStageHashPassNeedsNoDaemon)
     std::string withHash = cleanSpool;
     withHash.insert(withHash.find("From:"), "X-Vorex-Hash: s3cret\n");
     std::string spool = Spool("spool", withHash);
-    RunResult run = RunWith(Args({"--file", spool, "--hash", "s3cret"}));
+    RunResult run = RunProgram(Args({"--file", spool, "--hash", "s3cret"}));
     EXPECT_EQ(run.out, PassLine + "\n");
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(ReadFile(spool), cleanSpool);
@@ -162,7 +96,7 @@ TEST_F(FilterRun, EndOfInputAtOnce)
         const char* out;
     } rows[] = {{"1", "#hungry\n"}, {"0", ""}};
     for (const auto& row : rows) {
-        RunResult run = RunWith(Args({"--interface", row.interface}));
+        RunResult run = RunProgram(Args({"--interface", row.interface}));
         EXPECT_EQ(run.out, row.out) << "interface " << row.interface;
         EXPECT_EQ(run.err, "");
         EXPECT_EQ(run.status, 0);
@@ -171,7 +105,7 @@ TEST_F(FilterRun, EndOfInputAtOnce)
 
 TEST_F(FilterRun, HelpAndVersion)
 {
-    RunResult help = RunWith({VOREX_ZMAILER, "--help", "--version", "--interface", "7"});
+    RunResult help = RunProgram({VOREX_ZMAILER, "--help", "--version", "--interface", "7"});
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.out.rfind("Usage: vorex-zmailer [options] address\n\nAll options:\n", 0), 0u)
         << help.out;
@@ -186,7 +120,7 @@ TEST_F(FilterRun, HelpAndVersion)
         << help.out;
     EXPECT_NE(help.out.find("(=reject)"), std::string::npos);
 
-    RunResult version = RunWith({VOREX_ZMAILER, "-v"});
+    RunResult version = RunProgram({VOREX_ZMAILER, "-v"});
     EXPECT_EQ(version.status, 0);
     EXPECT_EQ(version.out, "vorex-zmailer - version 6.0.2.7\n");
 }
@@ -234,7 +168,7 @@ TEST_F(FilterRun, StartUpFailuresAnswerTheActionHeldAtThatMoment)
          "error: can not initialize Receiver module\n"},
     };
     for (const auto& row : rows) {
-        RunResult run = RunWith(Args(row.args));
+        RunResult run = RunProgram(Args(row.args));
         EXPECT_EQ(run.out, row.out) << row.name;
         EXPECT_EQ(run.err, row.err) << row.name;
         EXPECT_EQ(run.status, 1) << row.name;
@@ -251,15 +185,15 @@ TEST_F(FilterRun, FailedJobAnswersTheErrorActionAndEnds)
         std::string line;
         std::string err;
     } rows[] = {
-        {"missingFile", dir / "missing",
-         "can not open file " + (dir / "missing") + " for read/write:No such file or directory"},
+        {"missingFile", root + "/missing",
+         "can not open file " + (root + "/missing") + " for read/write:No such file or directory"},
         {"emptyLine", "", "can not open file  for read/write:No such file or directory"},
         // The job sees the first 4,111 bytes of the line only.
         {"overlongLine", longLine,
          "can not open file " + longLine.substr(0, 4111) + " for read/write:File name too long"},
     };
     for (const auto& row : rows) {
-        RunResult run = RunWith(Args({"-e", "tempfail"}), clean + "\n" + row.line + "\n");
+        RunResult run = RunProgram(Args({"-e", "tempfail"}), clean + "\n" + row.line + "\n");
         EXPECT_EQ(run.out, Hungry + PassLine + "\n" + Hungry + TempfailLine + " Internal error\n")
             << row.name;
         EXPECT_EQ(run.err, "error: " + row.err + "\n") << row.name;
@@ -271,7 +205,7 @@ TEST_F(FilterRun, FailedJobAnswersTheErrorActionAndEnds)
 TEST_F(FilterRun, DaemonDownAnswersTheErrorAction)
 {
     std::string clean = Spool("clean", cleanSpool);
-    RunResult run = RunWith(Args({"--interface", "0", "-e", "discard"}), clean + "\n");
+    RunResult run = RunProgram(Args({"--interface", "0", "-e", "discard"}), clean + "\n");
     EXPECT_EQ(run.out, "-1 250 2.7.1 Discarded by Vorex Quelt! Internal error\n");
     EXPECT_EQ(run.err, "error: error in vorex-quelt\n");
     EXPECT_EQ(run.status, 1);
@@ -283,7 +217,7 @@ TEST_F(FilterRun, LogLinesFollowThePattern)
 {
     RefDaemon daemon(basedir, {"--verdict", "2"});
     std::string clean = Spool("clean", cleanSpool);
-    RunResult run = RunWith(Args({"--level", "DEBUG", "--id", "e2e"}), clean + "\n");
+    RunResult run = RunProgram(Args({"--level", "DEBUG", "--id", "e2e"}), clean + "\n");
     ASSERT_EQ(run.status, 0);
     std::string log = ReadFile(basedir + "zmailer.log");
     // "%-7r [%t] %-5p %x - %m%n": the level padded to five columns, the
@@ -307,7 +241,7 @@ TEST_F(FilterRun, SharedSamplesAllReachTheDaemon)
             Spool(sample.path().filename().string(), ReadFile(sample.path().string()));
         input += copy + "\n";
     }
-    RunResult run = RunWith(Args({}), input);
+    RunResult run = RunProgram(Args({}), input);
     EXPECT_EQ(run.status, 0) << run.err;
     // Every sample gets a verdict line of its own: a pass or the test virus.
     size_t replies = 0;

@@ -15,53 +15,33 @@
 // with the spool file untouched or in the state documented for the failing
 // step, no entry left behind unless the verdict keeps it, and nothing
 // written outside the base directory and the spool file.
-#include <fcntl.h>
-#include <poll.h>
 #include <pwd.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <chrono>
-#include <cstring>
+#include <iostream>
 #include <map>
 #include <memory>
 #include <set>
 #include <sstream>
-#include <stdexcept>
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
+#include "support/FilterSandbox.h"
+#include "support/PlayedDaemon.h"
 #include "support/RefDaemon.h"
-#include "support/TempDir.h"
-
-extern char** environ;
 
 namespace
 {
 
 namespace fs = boost::filesystem;
 
-const std::string Hungry = "#hungry\n";
-const std::string PassLine = "0 250 2.6.0 Okey. Go ahead!";
-const std::string RejectLine = "-1 550 5.7.1 Rejected by Vorex Quelt!";
-const std::string ErrorReply = "1 451 4.3.0 Temporary rejected by Vorex Quelt. Try later."
-                               " Internal error\n";
+const std::string ErrorReply = TempfailLine + " Internal error\n";
 // Before the options are read no error action is known; the driver then
 // answers the pass line.
 const std::string StartUpErrorReply = PassLine + " Internal error\n";
-const std::string Eicar = "X5O!P%@AP[4\\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*";
 
 const char* const Families[] = {
     "open",     "openat", "creat", "read",    "write", "lseek", "fstat",  "copy_file_range",
@@ -75,7 +55,6 @@ const std::set<std::string> RetriedOnEintr = {"read",    "write", "copy_file_ran
 // No job makes anywhere near this many calls of one family; reaching it
 // means the fault kept firing, and the walk stops with a failure.
 constexpr long WalkBound = 300;
-constexpr int RunBoundMs = 20000;
 
 std::string Body(std::size_t size)
 {
@@ -163,172 +142,22 @@ void PrintTo(const Job& job, std::ostream* os)
     *os << job.name;
 }
 
-struct RunResult {
-    std::string out;
-    std::string err;
-    int status = -1;
-    bool hung = false;
-};
-
-// Runs argv with environment env in directory cwd, input on its standard
-// input; collects both outputs through pipes. A run that does not end
-// within the bound is killed and reported as hung.
-RunResult RunProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env,
-                     const std::string& cwd, const std::string& input)
+// The daemon played for a write-back that makes the message smaller
+// (quelt-refd only ever adds a line): the entry's .msg becomes the shrunk
+// copy, answered "513 shrunk" (pass, headers and body changed).
+std::string Shrink(const std::string& request)
 {
-    int in[2], out[2], err[2];
-    if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0)
-        throw std::runtime_error("pipe failed");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-    posix_spawn_file_actions_addchdir_np(&actions, cwd.c_str());
-    std::vector<char*> args, envp;
-    for (const std::string& arg : argv)
-        args.push_back(const_cast<char*>(arg.c_str()));
-    args.push_back(nullptr);
-    for (const std::string& entry : env)
-        envp.push_back(const_cast<char*>(entry.c_str()));
-    envp.push_back(nullptr);
-    pid_t pid = -1;
-    const int spawned = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(in[0]);
-    ::close(out[1]);
-    ::close(err[1]);
-    if (spawned != 0)
-        throw std::runtime_error("cannot start " + argv[0]);
-    // The input is one short job line: it fits the pipe. A filter that fails
-    // at start-up may be gone before it reads it; the write then fails with
-    // EPIPE instead of a signal, and the run is judged by what it wrote.
-    (void)::signal(SIGPIPE, SIG_IGN);
-    const ssize_t written = ::write(in[1], input.data(), input.size());
-    if (written != static_cast<ssize_t>(input.size()) && !(written < 0 && errno == EPIPE))
-        throw std::runtime_error("cannot write the job line");
-    ::close(in[1]);
-
-    RunResult result;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(RunBoundMs);
-    pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-    std::string* sinks[2] = {&result.out, &result.err};
-    int open = 2;
-    while (open > 0) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                        deadline - std::chrono::steady_clock::now())
-                        .count();
-        if (left <= 0 || ::poll(fds, 2, static_cast<int>(left)) <= 0) {
-            result.hung = true;
-            ::kill(pid, SIGKILL);
-            break;
-        }
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || fds[i].revents == 0)
-                continue;
-            char block[4096];
-            const ssize_t n = ::read(fds[i].fd, block, sizeof block);
-            if (n > 0) {
-                sinks[i]->append(block, static_cast<std::size_t>(n));
-            } else {
-                fds[i].fd = -1;
-                --open;
-            }
-        }
-    }
-    ::close(out[0]);
-    ::close(err[0]);
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return result;
+    const std::string verb = "CHECK ";
+    if (request.compare(0, verb.size(), verb) != 0)
+        return "";
+    const std::string msgPath =
+        request.substr(verb.size(), request.size() - verb.size() - 1) + "/.msg";
+    // A filter whose conversation failed has withdrawn the entry by now.
+    if (!boost::filesystem::exists(msgPath))
+        return "";
+    WriteFile(msgPath, ShrunkMessage);
+    return "513 shrunk\n";
 }
-
-// The checking daemon played by the test for a write-back that makes the
-// message smaller (quelt-refd only ever adds a line): each request's .msg is
-// replaced by a fixed shorter copy and answered "513 shrunk" (pass, headers
-// and body changed).
-class ShrinkingDaemon
-{
-public:
-    ShrinkingDaemon(const std::string& socketPath, std::string copy) : copy(std::move(copy))
-    {
-        listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address;
-        std::memset(&address, 0, sizeof address);
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
-        if (listener < 0 || ::pipe2(stopPipe, O_CLOEXEC) != 0 ||
-            ::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-            ::listen(listener, 8) != 0)
-            throw std::runtime_error("cannot listen on " + socketPath);
-        path = socketPath;
-        server = std::thread([this] { Serve(); });
-    }
-    ~ShrinkingDaemon()
-    {
-        (void)::write(stopPipe[1], "x", 1); // wakes the server; it only needs the event
-        server.join();
-        ::close(listener);
-        ::close(stopPipe[0]);
-        ::close(stopPipe[1]);
-        ::unlink(path.c_str());
-    }
-    ShrinkingDaemon(const ShrinkingDaemon&) = delete;
-    ShrinkingDaemon& operator=(const ShrinkingDaemon&) = delete;
-
-private:
-    void Serve()
-    {
-        for (;;) {
-            pollfd fds[2] = {{listener, POLLIN, 0}, {stopPipe[0], POLLIN, 0}};
-            if (::poll(fds, 2, -1) < 0 || fds[1].revents != 0)
-                return;
-            const int client = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-            if (client < 0)
-                continue;
-            Answer(client);
-            ::close(client);
-        }
-    }
-
-    void Answer(int client)
-    {
-        std::string request;
-        while (request.find('\n') == std::string::npos) {
-            pollfd ready = {client, POLLIN, 0};
-            char block[4096];
-            if (::poll(&ready, 1, RunBoundMs) != 1)
-                return;
-            const ssize_t n = ::read(client, block, sizeof block);
-            if (n <= 0)
-                return; // the filter gave up (a fault in its conversation)
-            request.append(block, static_cast<std::size_t>(n));
-        }
-        const std::string verb = "CHECK ";
-        if (request.compare(0, verb.size(), verb) != 0)
-            return;
-        const std::string msgPath =
-            request.substr(verb.size(), request.find('\n') - verb.size()) + "/.msg";
-        // A filter whose conversation failed has withdrawn the entry by now.
-        const int fd = ::open(msgPath.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
-        if (fd < 0)
-            return;
-        const bool written =
-            ::write(fd, copy.data(), copy.size()) == static_cast<ssize_t>(copy.size());
-        ::close(fd);
-        if (!written)
-            return; // no answer: the filter reports a daemon error
-        const std::string answer = "513 shrunk\n";
-        (void)::send(client, answer.data(), answer.size(), MSG_NOSIGNAL); // the filter may be gone
-    }
-
-    const std::string copy;
-    std::string path;
-    int listener = -1;
-    int stopPipe[2] = {-1, -1};
-    std::thread server;
-};
 
 // A file partly rewritten by a front-to-back copy: original's first `at`
 // bytes, then the first m bytes of source, then original from at + m on.
@@ -377,41 +206,26 @@ std::string Field(const std::string& marker, const std::string& name)
 // Where a fault hit, as far as the expected outcome depends on it.
 enum class Site { LogBackEnd, Reply, ErrorLine, OwnerHandOver, Flush, Other };
 
-class FaultWalk : public ::testing::TestWithParam<Job>
+class FaultWalk : public ::testing::TestWithParam<Job>, protected FilterSandbox
 {
 protected:
     void SetUp() override
     {
-        root = fs::canonical(rootDir.Path()).string();
-        base = root + "/base";
-        work = root + "/work";
-        spool = root + "/spool";
-        fs::create_directories(base);
         fs::create_directories(work);
-        markerPath = (scratch / "marker");
-        tracePath = (scratch / "trace");
         const passwd* self = ::getpwuid(::geteuid());
         user = self != nullptr ? self->pw_name : "";
-        const Job& job = GetParam();
-        if (job.daemon == Daemon::Refd)
+        if (GetParam().daemon == Daemon::Refd)
             refd = std::make_unique<RefDaemon>(
-                base, std::vector<std::string>{"--add-header", "X-Vorex-Checked: clean"});
-        else
-            shrinking = std::make_unique<ShrinkingDaemon>(base + "/quelt.sock", ShrunkMessage);
+                basedir, std::vector<std::string>{"--add-header", "X-Vorex-Checked: clean"});
     }
 
     std::vector<std::string> Argv() const
     {
-        std::vector<std::string> argv = {VOREX_ZMAILER, "-Z", "/etc/zmailer/zmailer.conf"};
-        const std::pair<const char*, std::string> options[] = {
-            {"--interface", "1"},      {"--user", user},
-            {"--basedir", base + "/"}, {"--log-filename", base + "/zmailer.log"},
-            {"--timeout", "10"},       {"--error-action", "tempfail"}};
-        for (const auto& option : options)
-            argv.insert(argv.end(), {option.first, option.second});
+        std::vector<std::string> extra = {"--interface",    "1",       "--user", user,
+                                          "--error-action", "tempfail"};
         const Job& job = GetParam();
-        argv.insert(argv.end(), job.extraArgs.begin(), job.extraArgs.end());
-        return argv;
+        extra.insert(extra.end(), job.extraArgs.begin(), job.extraArgs.end());
+        return Args(extra);
     }
 
     std::vector<std::string> Environment(const std::string& fault, bool trace) const
@@ -436,18 +250,10 @@ protected:
     {
         WriteFile(spool, GetParam().spool);
         fs::remove(markerPath);
-        const fs::path msgs = fs::path(base) / "msgs";
+        const fs::path msgs = basedir + "msgs";
         if (fs::exists(msgs))
             for (const fs::directory_entry& entry : fs::directory_iterator(msgs))
                 fs::remove_all(entry.path());
-    }
-
-    std::size_t EntryCount() const
-    {
-        const fs::path msgs = fs::path(base) / "msgs";
-        if (!fs::exists(msgs))
-            return 0;
-        return static_cast<std::size_t>(std::distance(fs::directory_iterator(msgs), {}));
     }
 
     // Everything under the test's root that is neither the base directory's
@@ -477,9 +283,13 @@ protected:
 
     std::string JobLine() const { return GetParam().missingFile ? root + "/missing" : spool; }
 
+    // One run of the job; the played daemon takes one conversation per run.
     RunResult RunJob(const std::string& fault, bool trace = false)
     {
-        return RunProgram(Argv(), Environment(fault, trace), work, JobLine() + "\n");
+        std::unique_ptr<PlayedDaemon> shrinking;
+        if (GetParam().daemon == Daemon::Shrinking)
+            shrinking = std::make_unique<PlayedDaemon>(basedir + "quelt.sock", Shrink);
+        return RunProgram(Argv(), JobLine() + "\n", work, Environment(fault, trace));
     }
 
     Site SiteOf(const std::string& family, const std::string& marker) const
@@ -494,7 +304,7 @@ protected:
         if (family == "write" && Field(marker, "fd") == "2")
             return Site::ErrorLine;
         const std::string path = Field(marker, "path");
-        const std::string entries = base + "/msgs/";
+        const std::string entries = basedir + "msgs/";
         if (family == "open" && path.rfind(entries, 0) == 0 &&
             path.find('/', entries.size()) == std::string::npos)
             return Site::OwnerHandOver;
@@ -638,11 +448,13 @@ protected:
         return 'E';
     }
 
-    TempDir rootDir;
     TempDir scratch;
-    std::string root, base, work, spool, markerPath, tracePath, user;
+    const std::string work = root + "/work";
+    const std::string spool = root + "/spool";
+    const std::string markerPath = scratch / "marker";
+    const std::string tracePath = scratch / "trace";
+    std::string user;
     std::unique_ptr<RefDaemon> refd;
-    std::unique_ptr<ShrinkingDaemon> shrinking;
     struct {
         std::string out;
         std::string err;

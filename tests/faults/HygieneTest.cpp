@@ -3,30 +3,23 @@
 // lines are only ever paths (never a command or a format), and what the
 // filter creates is never world-readable, whatever umask it inherited.
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
-#include "frame/FilterSettings.h"
-#include "platform/receiver/Mail.h"
-#include "spool/EnvelopeReader.h"
 #include "spool/HeaderScanner.h"
-#include "support/ChildProcess.h"
+#include "support/FilterSandbox.h"
 #include "support/RefDaemon.h"
-#include "support/TempDir.h"
+#include "support/SpoolStream.h"
 
 namespace
 {
 
 namespace fs = boost::filesystem;
 
-const std::string Hungry = "#hungry\n";
-const std::string TempfailLine = "1 451 4.3.0 Temporary rejected by Vorex Quelt. Try later.";
 const std::string Headers = "From: alice@example.org\nTo: bob@example.net\n";
 const std::string Body = "\nbody\n";
 
@@ -35,27 +28,13 @@ const std::string Body = "\nbody\n";
 // message goes on to the daemon with the file untouched.
 bool HashPasses(const std::string& value, const std::string& hash)
 {
-    TempDir dir;
-    const std::string path = dir / "spool";
     const std::string spool = "env-end\n" + Headers + "X-Vorex-Hash: " + value + "\n" + Body;
-    WriteFile(path, spool);
-    FILE* stream = std::fopen(path.c_str(), "r+");
-    if (stream == nullptr)
-        throw std::runtime_error("cannot open " + path);
-    static char buffer[8192];
-    (void)std::setvbuf(stream, buffer, _IOFBF, sizeof buffer); // as the job does; not under test
-
-    const std::string saved = filterSettings.hash;
-    filterSettings.hash = hash;
-    Mail mail;
-    bool senderFound = false, recipientFound = false;
-    (void)ReadEnvelope(stream, mail, senderFound, recipientFound);
-    const bool passed = ScanHeaders(stream, path.c_str(), mail, senderFound, recipientFound);
-    filterSettings.hash = saved;
-    (void)std::fclose(stream); // nothing buffered for writing
-
-    const std::string after = ReadFile(path);
-    EXPECT_EQ(after, passed ? "env-end\n" + Headers + Body : spool) << "'" << value << "'";
+    SpoolStream file(spool);
+    const HashSetting setting(hash);
+    EnvelopeRead read(file.Get());
+    const bool passed = ScanHeaders(file.Get(), file.path.c_str(), read.mail, read.senderFound,
+                                    read.recipientFound);
+    EXPECT_EQ(file.Bytes(), passed ? "env-end\n" + Headers + Body : spool) << "'" << value << "'";
     return passed;
 }
 
@@ -84,38 +63,17 @@ TEST(HashComparison, EqualOnlyWithTheSameLengthAndBytes)
         EXPECT_EQ(HashPasses(row.value, row.hash), row.passes) << row.name;
 }
 
-class HostileRun : public ::testing::Test
+class HostileRun : public ::testing::Test, protected FilterSandbox
 {
 protected:
-    void SetUp() override
-    {
-        basedir = dir / "base";
-        work = dir / "work";
-        fs::create_directories(basedir);
-        fs::create_directories(work);
-        basedir += "/";
-    }
+    HostileRun() { fs::create_directories(work); }
 
     std::vector<std::string> Args() const
     {
-        return {VOREX_ZMAILER,
-                "--user",
-                "",
-                "--basedir",
-                basedir,
-                "--log-filename",
-                basedir + "zmailer.log",
-                "--level",
-                "debug",
-                "--timeout",
-                "10",
-                "-e",
-                "tempfail"};
+        return FilterSandbox::Args({"--level", "debug", "-e", "tempfail"});
     }
 
-    TempDir dir;
-    std::string basedir;
-    std::string work;
+    const std::string work = root + "/work";
 };
 
 TEST_F(HostileRun, JobLinesAreOnlyPaths)
@@ -124,15 +82,12 @@ TEST_F(HostileRun, JobLinesAreOnlyPaths)
     const std::string lines[] = {"$(touch x)", "`touch x`",    "; touch x",
                                  "| touch x",  "%n%s%s%s%s%n", "%x%x%x%x"};
     for (const std::string& line : lines) {
-        ChildProcess filter(Args(), work);
-        filter.Write(line + "\n");
-        std::string out, err;
-        const int status = filter.Wait(&out, &err);
-        EXPECT_EQ(out, Hungry + TempfailLine + " Internal error\n") << line;
-        EXPECT_EQ(err, "error: can not open file " + line +
-                           " for read/write:No such file or directory\n")
+        const RunResult run = RunProgram(Args(), line + "\n", work);
+        EXPECT_EQ(run.out, Hungry + TempfailLine + " Internal error\n") << line;
+        EXPECT_EQ(run.err, "error: can not open file " + line +
+                               " for read/write:No such file or directory\n")
             << line;
-        EXPECT_EQ(status, 1) << line;
+        EXPECT_EQ(run.status, 1) << line;
         EXPECT_TRUE(fs::is_empty(work)) << line << ": something was made in the working directory";
         // The debug line quotes the job line as it came.
         EXPECT_NE(ReadFile(basedir + "zmailer.log").find(" - file - '" + line + "'\n"),
@@ -152,8 +107,8 @@ mode_t ModeOf(const std::string& path)
 TEST_F(HostileRun, CreatedFilesAreNeverWorldReadable)
 {
     RefDaemon daemon(basedir, {"--verdict", "2"}); // reject: the entry stays
-    const std::string spool = dir / "spool";
-    WriteFile(spool, "from <alice@example.org>\nto <bob@example.net>\nenv-end\n" + Headers + Body);
+    const std::string spool = Spool(
+        "spool", "from <alice@example.org>\nto <bob@example.net>\nenv-end\n" + Headers + Body);
 
     const mode_t parentMask = ::umask(0);
     ChildProcess filter(Args(), work);
@@ -161,7 +116,7 @@ TEST_F(HostileRun, CreatedFilesAreNeverWorldReadable)
     filter.Write(spool + "\n");
     std::string out;
     ASSERT_EQ(filter.Wait(&out), 0);
-    ASSERT_EQ(out, Hungry + "-1 550 5.7.1 Rejected by Vorex Quelt!\n" + Hungry);
+    ASSERT_EQ(out, Hungry + RejectLine + "\n" + Hungry);
 
     std::vector<fs::path> entries(fs::directory_iterator(fs::path(basedir) / "msgs"), {});
     ASSERT_EQ(entries.size(), 1u);

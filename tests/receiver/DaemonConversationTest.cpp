@@ -3,8 +3,8 @@
 // and the logged cause of every way the conversation can fail.
 #include <sys/stat.h>
 
-#include "PlayedDaemon.h"
 #include "ReceiverFixture.h"
+#include "support/PlayedDaemon.h"
 
 namespace
 {
@@ -77,7 +77,6 @@ TEST_F(DaemonConversation, AnswerLines)
             }
         }
         EXPECT_EQ(RefObjectLiveCount(), 0);
-        (void)::unlink(SocketPath().c_str()); // the next row listens anew
     }
 }
 
@@ -105,7 +104,6 @@ TEST_F(DaemonConversation, NoteIsClearedByAFailedConversation)
         PlayedDaemon daemon(SocketPath(), "2 spam\n", After::Close);
         EXPECT_EQ(receiver->ProcessMsg(entry.Get(), 0, 0, 0, 0), 2u);
     }
-    ASSERT_EQ(::unlink(SocketPath().c_str()), 0);
     EXPECT_EQ(receiver->ProcessMsg(entry.Get(), 0, 0, 0, 0), VerdictDaemonError);
     EXPECT_STREQ(entry->GetReplyText(), "");
 }

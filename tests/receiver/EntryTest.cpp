@@ -7,8 +7,8 @@
 #include <regex>
 #include <set>
 
-#include "PlayedDaemon.h"
 #include "ReceiverFixture.h"
+#include "support/PlayedDaemon.h"
 
 namespace
 {

@@ -5,8 +5,8 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include "PlayedDaemon.h"
 #include "ReceiverFixture.h"
+#include "support/PlayedDaemon.h"
 #include "support/RefDaemon.h"
 
 namespace

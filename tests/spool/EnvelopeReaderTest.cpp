@@ -3,9 +3,9 @@
 // sample files read through envelope and headers.
 #include <gtest/gtest.h>
 
-#include "SpoolStream.h"
 #include "platform/log/LogCapture.h"
 #include "spool/HeaderScanner.h"
+#include "support/SpoolStream.h"
 
 namespace
 {

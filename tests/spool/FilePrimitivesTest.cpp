@@ -10,12 +10,12 @@
 
 #include <gtest/gtest.h>
 
-#include "SpoolStream.h"
 #include "platform/log/LogCapture.h"
 #include "platform/receiver/Descriptor.h"
 #include "platform/receiver/RfUtils.h"
 #include "platform/receiver/VxFile.h"
 #include "spool/SpoolRegions.h"
+#include "support/SpoolStream.h"
 
 namespace
 {

@@ -7,9 +7,9 @@
 
 #include <gtest/gtest.h>
 
-#include "SpoolStream.h"
 #include "platform/log/LogCapture.h"
 #include "spool/HeaderScanner.h"
+#include "support/SpoolStream.h"
 
 namespace
 {

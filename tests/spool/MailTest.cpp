@@ -4,10 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include "SpoolStream.h"
 #include "platform/log/LogCapture.h"
 #include "platform/receiver/Mail.h"
 #include "platform/receiver/RfUtils.h"
+#include "support/SpoolStream.h"
 
 namespace
 {

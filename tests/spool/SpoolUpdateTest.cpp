@@ -7,10 +7,10 @@
 
 #include <gtest/gtest.h>
 
-#include "SpoolStream.h"
 #include "platform/log/LogCapture.h"
 #include "spool/SpoolRegions.h"
 #include "spool/SpoolUpdate.h"
+#include "support/SpoolStream.h"
 
 namespace
 {

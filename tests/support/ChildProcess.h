@@ -1,7 +1,8 @@
 // tests/support/ChildProcess.h: runs a program as a child with its standard
 // input, output and error on pipes, for tests that talk to the real binaries.
-// Reads wait at most a generous bound so that a broken program fails the test
-// instead of hanging it; the bound is never a timing assertion.
+// Every read waits at most a generous bound, so that a broken program fails
+// the test instead of hanging it: Wait then kills the child and Hung() says
+// so. The bound is never a timing assertion.
 #pragma once
 
 #include <fcntl.h>
@@ -11,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <stdexcept>
 #include <string>
@@ -21,12 +23,15 @@ extern char** environ;
 class ChildProcess
 {
 public:
-    static constexpr int ReadBoundMs = 20000;
+    static constexpr int BoundMs = 20000;
 
-    explicit ChildProcess(const std::vector<std::string>& argv, const std::string& workDir = "")
+    // workDir: where the child starts, empty for here. environment: the
+    // child's whole environment ("NAME=value" each), empty for this one's.
+    explicit ChildProcess(const std::vector<std::string>& argv, const std::string& workDir = "",
+                          const std::vector<std::string>& environment = {})
     {
         // A child that ends early makes a write to it fail with EPIPE, which
-        // Write reports, instead of killing the test.
+        // Write handles, instead of killing the test.
         (void)::signal(SIGPIPE, SIG_IGN);
         int in[2], out[2], err[2];
         if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 ||
@@ -39,11 +44,9 @@ public:
         posix_spawn_file_actions_adddup2(&actions, err[1], 2);
         if (!workDir.empty())
             posix_spawn_file_actions_addchdir_np(&actions, workDir.c_str());
-        std::vector<char*> args;
-        for (const std::string& arg : argv)
-            args.push_back(const_cast<char*>(arg.c_str()));
-        args.push_back(nullptr);
-        int rc = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
+        std::vector<char*> args = Pointers(argv), env = Pointers(environment);
+        int rc = posix_spawn(&pid, args[0], &actions, nullptr, args.data(),
+                             environment.empty() ? environ : env.data());
         posix_spawn_file_actions_destroy(&actions);
         ::close(in[0]);
         ::close(out[1]);
@@ -70,12 +73,17 @@ public:
     ChildProcess& operator=(const ChildProcess&) = delete;
 
     pid_t Pid() const { return pid; }
+    bool Hung() const { return hung; }
 
+    // Bytes that a child no longer reads (it has ended, EPIPE) are dropped:
+    // such a child is judged by its output and status.
     void Write(const std::string& bytes)
     {
         std::size_t done = 0;
         while (done < bytes.size()) {
             ssize_t n = ::write(stdinFd, bytes.data() + done, bytes.size() - done);
+            if (n < 0 && errno == EPIPE)
+                return;
             if (n <= 0)
                 throw std::runtime_error("write to child failed");
             done += static_cast<std::size_t>(n);
@@ -100,17 +108,29 @@ public:
         return ReadUntil(stderrFd, errBuf, suffix);
     }
 
-    // Waits for the end and returns the exit status (128 + signal when killed),
-    // collecting whatever output is left.
+    // Closes the input, collects both outputs to their ends and returns the
+    // exit status (128 + signal when killed). A child whose outputs have not
+    // ended within the bound is killed, and Hung() is true.
     int Wait(std::string* restOfStdout = nullptr, std::string* restOfStderr = nullptr)
     {
         CloseStdin();
-        std::string out = ReadUntil(stdoutFd, outBuf, std::string());
-        std::string err = ReadUntil(stderrFd, errBuf, std::string());
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(BoundMs);
+        pollfd fds[2] = {{stdoutFd, POLLIN, 0}, {stderrFd, POLLIN, 0}};
+        std::string* sinks[2] = {&outBuf, &errBuf};
+        while (fds[0].fd >= 0 || fds[1].fd >= 0) {
+            if (::poll(fds, 2, MsLeft(deadline)) <= 0) {
+                hung = true;
+                ::kill(pid, SIGKILL);
+                break;
+            }
+            for (int i = 0; i < 2; ++i)
+                if (fds[i].revents != 0 && !ReadSome(fds[i].fd, *sinks[i]))
+                    fds[i].fd = -1; // poll skips it from now on
+        }
         if (restOfStdout != nullptr)
-            *restOfStdout = out;
+            restOfStdout->swap(outBuf);
         if (restOfStderr != nullptr)
-            *restOfStderr = err;
+            restOfStderr->swap(errBuf);
         int status = 0;
         if (pid > 0)
             ::waitpid(pid, &status, 0);
@@ -126,29 +146,46 @@ public:
     }
 
 private:
+    static std::vector<char*> Pointers(const std::vector<std::string>& strings)
+    {
+        std::vector<char*> pointers;
+        for (const std::string& text : strings)
+            pointers.push_back(const_cast<char*>(text.c_str()));
+        pointers.push_back(nullptr);
+        return pointers;
+    }
+
+    static int MsLeft(std::chrono::steady_clock::time_point deadline)
+    {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        return left.count() > 0 ? static_cast<int>(left.count()) : 0;
+    }
+
+    // Appends what one read gives; false at the end of the output.
+    static bool ReadSome(int fd, std::string& pending)
+    {
+        char block[4096];
+        ssize_t n = ::read(fd, block, sizeof block);
+        if (n > 0)
+            pending.append(block, static_cast<std::size_t>(n));
+        return n > 0;
+    }
+
     // An empty suffix reads to the end of the output.
     static std::string ReadUntil(int fd, std::string& pending, const std::string& suffix)
     {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ReadBoundMs);
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(BoundMs);
         for (;;) {
-            if (!suffix.empty()) {
-                std::size_t at = pending.find(suffix);
-                if (at != std::string::npos) {
-                    std::string taken = pending.substr(0, at + suffix.size());
-                    pending.erase(0, at + suffix.size());
-                    return taken;
-                }
+            std::size_t at = suffix.empty() ? std::string::npos : pending.find(suffix);
+            if (at != std::string::npos) {
+                std::string taken = pending.substr(0, at + suffix.size());
+                pending.erase(0, at + suffix.size());
+                return taken;
             }
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
             pollfd p = {fd, POLLIN, 0};
-            if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0)
+            if (::poll(&p, 1, MsLeft(deadline)) <= 0 || !ReadSome(fd, pending))
                 break;
-            char block[4096];
-            ssize_t n = ::read(fd, block, sizeof block);
-            if (n <= 0)
-                break;
-            pending.append(block, static_cast<std::size_t>(n));
         }
         std::string taken;
         taken.swap(pending);
@@ -156,6 +193,7 @@ private:
     }
 
     pid_t pid = -1;
+    bool hung = false;
     int stdinFd = -1;
     int stdoutFd = -1;
     int stderrFd = -1;

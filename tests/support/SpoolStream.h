@@ -1,4 +1,4 @@
-// tests/spool/SpoolStream.h: a spool file in a fresh temp directory, opened
+// tests/support/SpoolStream.h: a spool file in a fresh temp directory, opened
 // the way the message job opens it (stdio "r+", fully buffered, 8192 bytes);
 // its envelope read as the job reads it; a byte pattern that never repeats a
 // block, so a misplaced block shows.

@@ -1,15 +1,18 @@
-// tests/receiver/PlayedDaemon.h: the checking daemon played by a test. Listens
-// on a socket path, takes one connection, reads the request line, writes a
-// scripted answer and then closes, or waits until the client gives up.
-// Every wait is bounded so that a broken client fails the test, not hangs it.
+// tests/support/PlayedDaemon.h: the checking daemon played by a test. Listens
+// on a socket path for one conversation: reads the request line, answers what
+// the script makes of it, then closes, or waits until the client gives up.
+// Every wait is bounded, and the destructor ends a daemon that still waits
+// (and removes the socket), so a broken client fails the test, not hangs it.
 #pragma once
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -18,18 +21,32 @@ class PlayedDaemon
 {
 public:
     enum class After { Close, WaitForClientClose };
+    // The answer to a request line ("CHECK <entry>\n"); "" answers nothing.
+    using Script = std::function<std::string(const std::string& request)>;
     static constexpr int BoundMs = 20000;
 
-    PlayedDaemon(const std::string& socketPath, std::string answer, After after)
-        : answer(std::move(answer)), after(after)
+    PlayedDaemon(const std::string& socketPath, Script script, After after = After::Close)
+        : path(socketPath), script(std::move(script)), after(after)
     {
+        if (::pipe2(stopPipe, O_CLOEXEC) != 0)
+            throw std::runtime_error("pipe failed");
         listener = ListenOn(socketPath);
         worker = std::thread([this] { Play(); });
     }
+    PlayedDaemon(const std::string& socketPath, const std::string& answer,
+                 After after = After::Close)
+        : PlayedDaemon(
+              socketPath, [answer](const std::string&) { return answer; }, after)
+    {
+    }
     ~PlayedDaemon()
     {
+        (void)::write(stopPipe[1], "x", 1); // a full pipe has woken the worker already
         Finish();
         ::close(listener);
+        ::close(stopPipe[0]);
+        ::close(stopPipe[1]);
+        ::unlink(path.c_str());
     }
     PlayedDaemon(const PlayedDaemon&) = delete;
     PlayedDaemon& operator=(const PlayedDaemon&) = delete;
@@ -60,17 +77,18 @@ public:
     }
 
 private:
-    static bool Readable(int fd)
+    // False when the bound ran out or the destructor asked to stop.
+    bool Readable(int fd)
     {
-        pollfd ready = {fd, POLLIN, 0};
-        return ::poll(&ready, 1, BoundMs) == 1;
+        pollfd ready[2] = {{fd, POLLIN, 0}, {stopPipe[0], POLLIN, 0}};
+        return ::poll(ready, 2, BoundMs) > 0 && ready[1].revents == 0;
     }
 
     void Play()
     {
         if (!Readable(listener))
             return;
-        int client = ::accept(listener, nullptr, nullptr);
+        int client = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (client < 0)
             return;
         char block[4096];
@@ -80,7 +98,9 @@ private:
                 break;
             request.append(block, static_cast<std::size_t>(count));
         }
-        // The client may give up before reading it all: no SIGPIPE, no check.
+        // A request cut short (the client gave up) gets no answer. The client
+        // may give up before reading it all: no SIGPIPE, no check.
+        const std::string answer = request.find('\n') != std::string::npos ? script(request) : "";
         (void)::send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
         if (after == After::WaitForClientClose)
             while (Readable(client) && ::read(client, block, sizeof block) > 0)
@@ -88,8 +108,10 @@ private:
         ::close(client);
     }
 
-    const std::string answer;
+    const std::string path;
+    const Script script;
     const After after;
+    int stopPipe[2] = {-1, -1};
     int listener = -1;
     std::string request;
     std::thread worker;
