@@ -199,10 +199,13 @@ Site PathSite(const char* path)
     return site;
 }
 
-Site FdSite(int fd)
+Site FdSite(int fd, int fd2 = -1, const void* bytes = nullptr, std::size_t length = 0)
 {
     Site site;
     site.fd = fd;
+    site.fd2 = fd2;
+    site.bytes = bytes;
+    site.length = length;
     return site;
 }
 
@@ -215,221 +218,70 @@ bool HasMode(int flags)
 
 #define CALLER __builtin_return_address(0)
 
+// The interposer of `name` (Params, called on with the names that follow):
+// fails with `failed` when the fault fires for family, passes the call on to
+// the real function otherwise.
+#define INTERPOSE(Ret, name, family, failed, site, Params, ...)                                    \
+    Ret name Params                                                                                \
+    {                                                                                              \
+        static auto real = Real<Ret(*) Params>(#name);                                             \
+        return Fire(family, #name, site, CALLER) ? failed : real(__VA_ARGS__);                     \
+    }
+
+// The same for the open calls, whose mode argument is there only with
+// O_CREAT or O_TMPFILE.
+#define INTERPOSE_OPEN(name, family, Params, ...)                                                  \
+    int name Params                                                                                \
+    {                                                                                              \
+        mode_t mode = 0;                                                                           \
+        if (HasMode(flags)) {                                                                      \
+            va_list args;                                                                          \
+            va_start(args, flags);                                                                 \
+            mode = static_cast<mode_t>(va_arg(args, int));                                         \
+            va_end(args);                                                                          \
+        }                                                                                          \
+        static auto real = Real<int(*) Params>(#name);                                             \
+        return Fire(family, #name, PathSite(path), CALLER) ? -1 : real(__VA_ARGS__, mode);         \
+    }
+
 extern "C" {
 
-int open(const char* path, int flags, ...)
-{
-    mode_t mode = 0;
-    if (HasMode(flags)) {
-        va_list args;
-        va_start(args, flags);
-        mode = static_cast<mode_t>(va_arg(args, int));
-        va_end(args);
-    }
-    if (Fire("open", "open", PathSite(path), CALLER))
-        return -1;
-    static auto real = Real<int (*)(const char*, int, ...)>("open");
-    return real(path, flags, mode);
-}
-
-int open64(const char* path, int flags, ...)
-{
-    mode_t mode = 0;
-    if (HasMode(flags)) {
-        va_list args;
-        va_start(args, flags);
-        mode = static_cast<mode_t>(va_arg(args, int));
-        va_end(args);
-    }
-    if (Fire("open", "open64", PathSite(path), CALLER))
-        return -1;
-    static auto real = Real<int (*)(const char*, int, ...)>("open64");
-    return real(path, flags, mode);
-}
-
-int openat(int dirFd, const char* path, int flags, ...)
-{
-    mode_t mode = 0;
-    if (HasMode(flags)) {
-        va_list args;
-        va_start(args, flags);
-        mode = static_cast<mode_t>(va_arg(args, int));
-        va_end(args);
-    }
-    if (Fire("openat", "openat", PathSite(path), CALLER))
-        return -1;
-    static auto real = Real<int (*)(int, const char*, int, ...)>("openat");
-    return real(dirFd, path, flags, mode);
-}
-
-int openat64(int dirFd, const char* path, int flags, ...)
-{
-    mode_t mode = 0;
-    if (HasMode(flags)) {
-        va_list args;
-        va_start(args, flags);
-        mode = static_cast<mode_t>(va_arg(args, int));
-        va_end(args);
-    }
-    if (Fire("openat", "openat64", PathSite(path), CALLER))
-        return -1;
-    static auto real = Real<int (*)(int, const char*, int, ...)>("openat64");
-    return real(dirFd, path, flags, mode);
-}
-
-int creat(const char* path, mode_t mode)
-{
-    if (Fire("creat", "creat", PathSite(path), CALLER))
-        return -1;
-    static auto real = Real<int (*)(const char*, mode_t)>("creat");
-    return real(path, mode);
-}
-
-int creat64(const char* path, mode_t mode)
-{
-    if (Fire("creat", "creat64", PathSite(path), CALLER))
-        return -1;
-    static auto real = Real<int (*)(const char*, mode_t)>("creat64");
-    return real(path, mode);
-}
-
-ssize_t read(int fd, void* buffer, size_t count)
-{
-    if (Fire("read", "read", FdSite(fd), CALLER))
-        return -1;
-    static auto real = Real<ssize_t (*)(int, void*, size_t)>("read");
-    return real(fd, buffer, count);
-}
-
-ssize_t write(int fd, const void* buffer, size_t count)
-{
-    Site site = FdSite(fd);
-    site.bytes = buffer;
-    site.length = count;
-    if (Fire("write", "write", site, CALLER))
-        return -1;
-    static auto real = Real<ssize_t (*)(int, const void*, size_t)>("write");
-    return real(fd, buffer, count);
-}
-
-off_t lseek(int fd, off_t offset, int whence)
-{
-    if (Fire("lseek", "lseek", FdSite(fd), CALLER))
-        return -1;
-    static auto real = Real<off_t (*)(int, off_t, int)>("lseek");
-    return real(fd, offset, whence);
-}
-
-off64_t lseek64(int fd, off64_t offset, int whence)
-{
-    if (Fire("lseek", "lseek64", FdSite(fd), CALLER))
-        return -1;
-    static auto real = Real<off64_t (*)(int, off64_t, int)>("lseek64");
-    return real(fd, offset, whence);
-}
-
-int fstat(int fd, struct stat* status)
-{
-    if (Fire("fstat", "fstat", FdSite(fd), CALLER))
-        return -1;
-    static auto real = Real<int (*)(int, struct stat*)>("fstat");
-    return real(fd, status);
-}
-
-int fstat64(int fd, struct stat64* status)
-{
-    if (Fire("fstat", "fstat64", FdSite(fd), CALLER))
-        return -1;
-    static auto real = Real<int (*)(int, struct stat64*)>("fstat64");
-    return real(fd, status);
-}
-
-ssize_t copy_file_range(int fdIn, off64_t* offIn, int fdOut, off64_t* offOut, size_t length,
-                        unsigned int flags)
-{
-    Site site = FdSite(fdIn);
-    site.fd2 = fdOut;
-    if (Fire("copy_file_range", "copy_file_range", site, CALLER))
-        return -1;
-    static auto real =
-        Real<ssize_t (*)(int, off64_t*, int, off64_t*, size_t, unsigned int)>("copy_file_range");
-    return real(fdIn, offIn, fdOut, offOut, length, flags);
-}
-
-int truncate(const char* path, off_t length)
-{
-    if (Fire("truncate", "truncate", PathSite(path), CALLER))
-        return -1;
-    static auto real = Real<int (*)(const char*, off_t)>("truncate");
-    return real(path, length);
-}
-
-int truncate64(const char* path, off64_t length)
-{
-    if (Fire("truncate", "truncate64", PathSite(path), CALLER))
-        return -1;
-    static auto real = Real<int (*)(const char*, off64_t)>("truncate64");
-    return real(path, length);
-}
-
-int fsync(int fd)
-{
-    if (Fire("fsync", "fsync", FdSite(fd), CALLER))
-        return -1;
-    static auto real = Real<int (*)(int)>("fsync");
-    return real(fd);
-}
-
-int mkdir(const char* path, mode_t mode)
-{
-    if (Fire("mkdir", "mkdir", PathSite(path), CALLER))
-        return -1;
-    static auto real = Real<int (*)(const char*, mode_t)>("mkdir");
-    return real(path, mode);
-}
-
-int connect(int fd, const struct sockaddr* address, socklen_t length)
-{
-    if (Fire("connect", "connect", FdSite(fd), CALLER))
-        return -1;
-    static auto real = Real<int (*)(int, const struct sockaddr*, socklen_t)>("connect");
-    return real(fd, address, length);
-}
-
-ssize_t send(int fd, const void* buffer, size_t length, int flags)
-{
-    Site site = FdSite(fd);
-    site.bytes = buffer;
-    site.length = length;
-    if (Fire("send", "send", site, CALLER))
-        return -1;
-    static auto real = Real<ssize_t (*)(int, const void*, size_t, int)>("send");
-    return real(fd, buffer, length, flags);
-}
-
-ssize_t recv(int fd, void* buffer, size_t length, int flags)
-{
-    if (Fire("recv", "recv", FdSite(fd), CALLER))
-        return -1;
-    static auto real = Real<ssize_t (*)(int, void*, size_t, int)>("recv");
-    return real(fd, buffer, length, flags);
-}
-
-FILE* fopen(const char* path, const char* mode)
-{
-    if (Fire("fopen", "fopen", PathSite(path), CALLER))
-        return nullptr;
-    static auto real = Real<FILE* (*)(const char*, const char*)>("fopen");
-    return real(path, mode);
-}
-
-FILE* fopen64(const char* path, const char* mode)
-{
-    if (Fire("fopen", "fopen64", PathSite(path), CALLER))
-        return nullptr;
-    static auto real = Real<FILE* (*)(const char*, const char*)>("fopen64");
-    return real(path, mode);
-}
+INTERPOSE_OPEN(open, "open", (const char* path, int flags, ...), path, flags)
+INTERPOSE_OPEN(open64, "open", (const char* path, int flags, ...), path, flags)
+INTERPOSE_OPEN(openat, "openat", (int dirFd, const char* path, int flags, ...), dirFd, path, flags)
+INTERPOSE_OPEN(openat64, "openat", (int dirFd, const char* path, int flags, ...), dirFd, path,
+               flags)
+INTERPOSE(int, creat, "creat", -1, PathSite(path), (const char* path, mode_t mode), path, mode)
+INTERPOSE(int, creat64, "creat", -1, PathSite(path), (const char* path, mode_t mode), path, mode)
+INTERPOSE(ssize_t, read, "read", -1, FdSite(fd), (int fd, void* buffer, size_t count), fd, buffer,
+          count)
+INTERPOSE(ssize_t, write, "write", -1, FdSite(fd, -1, buffer, count),
+          (int fd, const void* buffer, size_t count), fd, buffer, count)
+INTERPOSE(off_t, lseek, "lseek", -1, FdSite(fd), (int fd, off_t offset, int whence), fd, offset,
+          whence)
+INTERPOSE(off64_t, lseek64, "lseek", -1, FdSite(fd), (int fd, off64_t offset, int whence), fd,
+          offset, whence)
+INTERPOSE(int, fstat, "fstat", -1, FdSite(fd), (int fd, struct stat* status), fd, status)
+INTERPOSE(int, fstat64, "fstat", -1, FdSite(fd), (int fd, struct stat64* status), fd, status)
+INTERPOSE(ssize_t, copy_file_range, "copy_file_range", -1, FdSite(fdIn, fdOut),
+          (int fdIn, off64_t* offIn, int fdOut, off64_t* offOut, size_t length, unsigned flags),
+          fdIn, offIn, fdOut, offOut, length, flags)
+INTERPOSE(int, truncate, "truncate", -1, PathSite(path), (const char* path, off_t length), path,
+          length)
+INTERPOSE(int, truncate64, "truncate", -1, PathSite(path), (const char* path, off64_t length), path,
+          length)
+INTERPOSE(int, fsync, "fsync", -1, FdSite(fd), (int fd), fd)
+INTERPOSE(int, mkdir, "mkdir", -1, PathSite(path), (const char* path, mode_t mode), path, mode)
+INTERPOSE(int, connect, "connect", -1, FdSite(fd),
+          (int fd, const struct sockaddr* address, socklen_t length), fd, address, length)
+INTERPOSE(ssize_t, send, "send", -1, FdSite(fd, -1, buffer, length),
+          (int fd, const void* buffer, size_t length, int flags), fd, buffer, length, flags)
+INTERPOSE(ssize_t, recv, "recv", -1, FdSite(fd), (int fd, void* buffer, size_t length, int flags),
+          fd, buffer, length, flags)
+INTERPOSE(FILE*, fopen, "fopen", nullptr, PathSite(path), (const char* path, const char* mode),
+          path, mode)
+INTERPOSE(FILE*, fopen64, "fopen", nullptr, PathSite(path), (const char* path, const char* mode),
+          path, mode)
 
 int fclose(FILE* stream)
 {
