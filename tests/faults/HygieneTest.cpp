@@ -93,12 +93,6 @@ TEST_F(HostileRun, JobLinesAreOnlyPaths)
     }
 }
 
-mode_t ModeOf(const std::string& path)
-{
-    struct stat status;
-    return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 07777;
-}
-
 // The filter sets its own umask (002); a parent with umask 0 must not make
 // anything of the filter's world-readable or world-writable.
 TEST_F(HostileRun, CreatedFilesAreNeverWorldReadable)

@@ -1,7 +1,9 @@
 // tests/support/TempDir.h: a fresh directory under the system's temporary
 // directory, removed with everything in it when the object goes; and small
-// whole-file helpers for comparing exact bytes.
+// whole-file helpers for comparing exact bytes and modes.
 #pragma once
+
+#include <sys/stat.h>
 
 #include <fstream>
 #include <sstream>
@@ -45,4 +47,12 @@ inline std::string ReadFile(const std::string& path)
     std::ostringstream bytes;
     bytes << in.rdbuf();
     return bytes.str();
+}
+
+// The permission bits of path itself (a final link is not followed);
+// 07777 for a path that is not there.
+inline mode_t ModeOf(const std::string& path)
+{
+    struct stat status;
+    return ::lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 07777;
 }
