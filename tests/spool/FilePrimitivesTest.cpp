@@ -166,8 +166,8 @@ TEST(FileHelpers, BareLineEndAndDescriptorClose)
     const struct {
         const char* line;
         bool bare;
-    } rows[] = {{"\n", true},  {"\r\n", true}, {"", false},     {" \n", false},
-                {"\r", false}, {"x\n", false}, {"\n\n", false}, {nullptr, false}};
+    } rows[] = {{"\n", true},   {"\r\n", true},  {"", false},     {"\r", false},
+                {"x\n", false}, {"\n\n", false}, {nullptr, false}};
     for (const auto& row : rows)
         EXPECT_EQ(RfUtils::IsJustEol(row.line), row.bare) << (row.line ? row.line : "null");
 

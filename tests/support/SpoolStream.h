@@ -1,7 +1,7 @@
 // tests/support/SpoolStream.h: a spool file in a fresh temp directory, opened
 // the way the message job opens it (stdio "r+", fully buffered, 8192 bytes);
-// its envelope read as the job reads it; a byte pattern that never repeats a
-// block, so a misplaced block shows.
+// its envelope read as the job reads it; the record's addresses as one line;
+// a byte pattern that never repeats a block, so a misplaced block shows.
 #pragma once
 
 #include <cstdio>
@@ -69,6 +69,15 @@ struct EnvelopeRead {
     bool recipientFound = false;
     int64_t size;
 };
+
+// The record's addresses on one line, for comparing: "<a@x> to <b@y> <c@z>".
+inline std::string Addresses(const Mail& mail)
+{
+    std::string text = mail.sender + " to";
+    for (const std::string& recipient : mail.recipients)
+        text += " " + recipient;
+    return text;
+}
 
 // A string literal with its NUL bytes: Literal("a\0b") has three bytes.
 template <std::size_t N> std::string Literal(const char (&text)[N])
