@@ -19,31 +19,24 @@ using QueltConf::QueltAction;
 using QueltConf::QueltActions;
 using QueltConf::QueltConfParser;
 
-struct ParseResult {
-    bool accepted;
-    std::string list; // object 0's list, printed
-    std::string log;  // every captured line
-    std::string data; // the category's data fields
-};
-
 std::string DataOf(const ActionsParser::OlValue& category)
 {
     return "redirect='" + category.m_redirect_address + "' header='" + category.m_header_name +
            "'/'" + category.m_header_value + "' score=" + std::to_string(category.m_score);
 }
 
-std::string ListOf(QueltConfParser& holder)
-{
-    std::string printed;
-    for (int32_t code = 0; code < 12; ++code) {
-        if (holder.GetParser().CheckActionObject(0, static_cast<QueltAction::Action>(code)))
-            printed += (printed.empty() ? "" : " | ") +
-                       QueltAction::GetName(static_cast<QueltAction::Action>(code));
-    }
-    return printed;
-}
+const std::string NoData = "redirect='' header=''/'' score=0";
 
-// Parses items as the only value of a fresh ProcessingErrors instance.
+// Items as the value of a fresh ProcessingErrors instance (one item is what
+// --error-action gives): whether Parse accepts them, then object 0's list,
+// every captured line, the category's data.
+struct ParseResult {
+    bool accepted;
+    std::string list;
+    std::string log;
+    std::string data;
+};
+
 ParseResult ParseProcessingErrors(const std::vector<std::string>& items)
 {
     QueltConfParser holder;
@@ -56,130 +49,85 @@ ParseResult ParseProcessingErrors(const std::vector<std::string>& items)
     VxNDC context("conf");
     LogCapture capture;
     const bool accepted = holder.GetParser().Parse();
-    return {accepted, ListOf(holder), capture.Text(), DataOf(category)};
+    QueltActions list;
+    for (int32_t code = 0; code < 12; ++code)
+        if (holder.GetParser().CheckActionObject(0, static_cast<QueltAction::Action>(code)))
+            list.Insert(static_cast<QueltAction::Action>(code));
+    return {accepted, list.Print(), capture.Text(), DataOf(category)};
 }
 
-const std::string NoData = "redirect='' header=''/'' score=0";
-
-// One item, as --error-action gives it.
-TEST(ProcessingErrors, ErrorActionOutcomes)
-{
-    const std::string wrongValueTail =
-        "' for param 'ProcessingErrors' during action parse. Wait one of "
-        "following:pass | reject | discard | tempfail\n";
-    struct Row {
-        const char* name;
-        std::string item;
-        bool accepted;
-        QueltAction::Action main; // when accepted
-        std::string log;
-    };
-    const Row rows[] = {
-        {"mixed case", "TempFail", true, QueltAction::Tempfail, ""},
-        {"blanks around", " discard ", true, QueltAction::Discard, ""},
-        {"pass", "pass", true, QueltAction::Pass, ""},
-        {"reject", "REJECT", true, QueltAction::Reject, ""},
-        {"additional action", "quarantine", false, QueltAction::NoAction,
-         "ERROR conf - Find wrong value 'quarantine" + wrongValueTail},
-        {"additional with data", "redirect(x)", false, QueltAction::NoAction,
-         "DEBUG conf - catch redirect address =x for param redirect\n"
-         "ERROR conf - Find wrong value 'redirect(x)" +
-             wrongValueTail},
-        {"faulty score data", "score(ten)", false, QueltAction::NoAction,
-         "ERROR conf - Invalid score value: ten\n"},
-        {"missing close bracket", "notify(", false, QueltAction::NoAction,
-         "ERROR conf - Bad value 'notify(' for param 'ProcessingErrors': couldn't find close "
-         "bracket\n"},
-        {"brackets reversed", "score)1(", false, QueltAction::NoAction,
-         "ERROR conf - Bad value 'score)1(' for param 'ProcessingErrors': discrepancy between the "
-         "brackets\n"},
-        {"not in this category", "continue", false, QueltAction::NoAction,
-         "ERROR conf - Find wrong value 'continue" + wrongValueTail},
-        {"unknown name", "bounce", false, QueltAction::NoAction,
-         "ERROR conf - Find wrong value 'bounce" + wrongValueTail},
-        {"valid action with data", "reject(x)", false, QueltAction::NoAction,
-         "ERROR conf - Unrecognize value 'reject(x)' for param ProcessingErrors\n"},
-        {"two actions in one item", "reject, quarantine", false, QueltAction::NoAction,
-         "ERROR conf - Find wrong value 'reject, quarantine" + wrongValueTail},
-        {"empty", "", false, QueltAction::NoAction,
-         "ERROR conf - Find wrong value '" + wrongValueTail},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        QueltConfParser holder;
-        holder.SetObjects({ActionsParser::OlValue(QueltConf::MakeProcessingErrors(), 0)});
-        holder.GetParser().SetDefaults();
-        holder.GetParser().GetObjects()[0].m_values[0] = row.item;
-        VxNDC context("conf");
-        LogCapture capture;
-        ASSERT_EQ(holder.GetParser().Parse(), row.accepted);
-        EXPECT_EQ(capture.Text(), row.log);
-        if (row.accepted)
-            EXPECT_EQ(holder.GetMainAction(0), row.main);
-        else
-            EXPECT_THROW(holder.GetMainAction(0), std::invalid_argument);
-    }
-}
-
-// Several items: the first from the valid actions, the rest from the
-// additional ones, with data in parentheses.
+// The first item from the valid actions, the rest from the additional ones,
+// with data in parentheses.
 TEST(ActionsParser, ItemListsAcceptedAndRefused)
 {
-    struct Row {
+    const std::string waitTail = "' for param 'ProcessingErrors' during action parse. Wait one of "
+                                 "following:pass | reject | discard | tempfail\n";
+    const std::string additionalTail = "' for param 'ProcessingErrors' during action parse.\n";
+    const std::string badValue = "ERROR conf - Bad value '";
+    const struct {
         const char* name;
         std::vector<std::string> items;
         ParseResult expected;
-    };
-    const std::string additionalMissing = "' for param 'ProcessingErrors' during action parse.\n";
-    const Row rows[] = {
-        {"header with colon",
-         {"reject", "quarantine", "add-header(X-Flag: yes)"},
-         {true, "reject | quarantine | add-header",
-          "DEBUG conf - catch add header ='X-Flag:  yes' for param add-header\n",
-          "redirect='' header='X-Flag'/' yes' score=0"}},
+    } rows[] = {
+        {"error action in any case", {"TempFail"}, {true, "tempfail", "", NoData}},
+        {"additional action first",
+         {"quarantine"},
+         {false, "", "ERROR conf - Find wrong value 'quarantine" + waitTail, NoData}},
+        {"additional with data first",
+         {"redirect(x)"},
+         {false, "",
+          "DEBUG conf - catch redirect address =x for param redirect\n"
+          "ERROR conf - Find wrong value 'redirect(x)" +
+              waitTail,
+          "redirect='x' header=''/'' score=0"}},
+        {"missing close bracket",
+         {"notify("},
+         {false, "",
+          badValue + "notify(' for param 'ProcessingErrors': couldn't find close bracket\n",
+          NoData}},
+        {"brackets reversed",
+         {"score)1("},
+         {false, "",
+          badValue + "score)1(' for param 'ProcessingErrors': discrepancy between the brackets\n",
+          NoData}},
+        {"valid action with data",
+         {"reject(x)"},
+         {false, "", "ERROR conf - Unrecognize value 'reject(x)' for param ProcessingErrors\n",
+          NoData}},
+        {"empty item", {""}, {false, "", "ERROR conf - Find wrong value '" + waitTail, NoData}},
+        {"header name trimmed, value and later colons kept",
+         {"reject", "quarantine", "redirect", "add-header( X-A : b:c)"},
+         {true, "reject | quarantine | redirect | add-header",
+          "DEBUG conf - catch add header ='X-A:  b:c' for param add-header\n",
+          "redirect='' header='X-A'/' b:c' score=0"}},
         {"header without colon",
          {"reject", "add-header( plain text )"},
          {true, "reject | add-header",
           "DEBUG conf - catch add header =': plain text' for param add-header\n",
           "redirect='' header=''/'plain text' score=0"}},
-        {"header name trimmed, later colons kept",
-         {"reject", "add-header( X-A :b:c)"},
-         {true, "reject | add-header",
-          "DEBUG conf - catch add header ='X-A: b:c' for param add-header\n",
-          "redirect='' header='X-A'/'b:c' score=0"}},
-        {"redirect without data", {"reject", "redirect"}, {true, "reject | redirect", "", NoData}},
-        {"redirect with data",
+        {"redirect with data, any case",
          {"tempfail", "Redirect( a@b.example )"},
          {true, "redirect | tempfail",
           "DEBUG conf - catch redirect address =a@b.example for param redirect\n",
           "redirect='a@b.example' header=''/'' score=0"}},
-        {"later data overwrites",
+        {"later data overwrites, repeat added once",
          {"reject", "redirect(one)", "redirect(two)"},
          {true, "reject | redirect",
           "DEBUG conf - catch redirect address =one for param redirect\n"
           "DEBUG conf - catch redirect address =two for param redirect\n",
           "redirect='two' header=''/'' score=0"}},
-        {"score with blanks and sign",
-         {"reject", "score( -5 )"},
+        {"score with blanks, sign and text after the bracket",
+         {"reject", "score( -5 ) trailing"},
          {true, "reject | score", "", "redirect='' header=''/'' score=-5"}},
-        {"score plus sign",
-         {"reject", "score(+7)"},
-         {true, "reject | score", "", "redirect='' header=''/'' score=7"}},
-        {"text after bracket ignored",
-         {"reject", "score(1) trailing"},
-         {true, "reject | score", "", "redirect='' header=''/'' score=1"}},
-        {"repeat added once",
-         {"reject", "quarantine", "quarantine"},
-         {true, "reject | quarantine", "", NoData}},
         {"score without data",
          {"reject", "score"},
          {false, "reject",
-          "ERROR conf - Can't find additional data in '()' for value 'score" + additionalMissing,
+          "ERROR conf - Can't find additional data in '()' for value 'score" + additionalTail,
           NoData}},
         {"score empty",
          {"reject", "score()"},
          {false, "reject", "ERROR conf - Invalid score value: \n", NoData}},
-        {"score blank inside",
+        {"score not a number",
          {"reject", "score(1 2)"},
          {false, "reject", "ERROR conf - Invalid score value: 1 2\n", NoData}},
         {"score overflow",
@@ -187,22 +135,16 @@ TEST(ActionsParser, ItemListsAcceptedAndRefused)
          {false, "reject", "ERROR conf - Invalid score value: 2147483648\n", NoData}},
         {"main action second",
          {"reject", "pass"},
-         {false, "reject", "ERROR conf - Find wrong value 'pass" + additionalMissing, NoData}},
-        {"bracket fault second",
-         {"reject", "redirect(a"},
-         {false, "reject",
-          "ERROR conf - Bad value 'redirect(a' for param 'ProcessingErrors': couldn't find close "
-          "bracket\n",
-          NoData}},
+         {false, "reject", "ERROR conf - Find wrong value 'pass" + additionalTail, NoData}},
         {"stops at first fault",
          {"reject", "score(1)", "pass", "redirect(x)"},
-         {false, "reject | score", "ERROR conf - Find wrong value 'pass" + additionalMissing,
+         {false, "reject | score", "ERROR conf - Find wrong value 'pass" + additionalTail,
           "redirect='' header=''/'' score=1"}},
         {"no items",
          {},
          {false, "", "ERROR conf - Wrong empty value in ProcessingErrors param\n", NoData}},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         const ParseResult result = ParseProcessingErrors(row.items);
         EXPECT_EQ(result.accepted, row.expected.accepted);
@@ -225,24 +167,21 @@ ActionsParser::OlValue AnyActions(const std::vector<std::string>& items)
 
 TEST(MainAction, PrecedencePassContinueRejectTempfailDiscard)
 {
-    struct Row {
-        const char* name;
+    const struct {
         std::vector<std::string> items;
         QueltAction::Action expected;
+    } rows[] = {
+        {{"reject", "pass"}, QueltAction::Pass},
+        {{"reject", "continue", "discard"}, QueltAction::Continue},
+        {{"discard", "tempfail", "reject"}, QueltAction::Reject},
+        {{"discard", "tempfail"}, QueltAction::Tempfail},
+        {{"notify", "discard", "quarantine"}, QueltAction::Discard},
     };
-    const Row rows[] = {
-        {"pass over reject", {"reject", "pass"}, QueltAction::Pass},
-        {"continue over reject", {"reject", "continue", "discard"}, QueltAction::Continue},
-        {"reject over tempfail", {"discard", "tempfail", "reject"}, QueltAction::Reject},
-        {"tempfail over discard", {"discard", "tempfail"}, QueltAction::Tempfail},
-        {"discard among others", {"notify", "discard", "quarantine"}, QueltAction::Discard},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
+    for (const auto& row : rows) {
         QueltConfParser holder;
         holder.SetObjects({AnyActions(row.items)});
         ASSERT_TRUE(holder.GetParser().Parse());
-        EXPECT_EQ(holder.GetMainAction(0), row.expected);
+        EXPECT_EQ(holder.GetMainAction(0), row.expected) << row.items[0];
     }
 }
 
@@ -276,6 +215,8 @@ TEST(ActionsParser, RefusalLeavesEarlierListsParsedAndLaterOnesAlone)
     EXPECT_FALSE(parser.CheckActionObject(2, QueltAction::Pass));
 }
 
+// A new parse rebuilds the list but keeps the data; a fresh instance of the
+// category starts without it.
 TEST(ActionsParser, ReparseRebuildsListsButKeepsData)
 {
     QueltConfParser holder;
@@ -287,13 +228,7 @@ TEST(ActionsParser, ReparseRebuildsListsButKeepsData)
     EXPECT_EQ(holder.GetMainAction(0), QueltAction::Pass);
     EXPECT_FALSE(holder.GetParser().CheckActionObject(0, QueltAction::Reject));
     EXPECT_EQ(DataOf(category), "redirect='x' header=''/'' score=3");
-
-    // A fresh instance starts without data; a copy keeps it.
-    const ActionsParser::OlValue fresh(category, 7);
-    EXPECT_EQ(DataOf(fresh), NoData);
-    EXPECT_EQ(fresh.m_number, 7);
-    EXPECT_EQ(fresh.m_values, std::vector<std::string>{"pass"});
-    EXPECT_EQ(DataOf(ActionsParser::OlValue(category)), DataOf(category));
+    EXPECT_EQ(DataOf(ActionsParser::OlValue(category, 7)), NoData);
 }
 
 TEST(QueltConfParser, SetObjectsResizesListsWithoutClearing)
