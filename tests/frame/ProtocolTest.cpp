@@ -26,14 +26,9 @@ const ReplyRow replyRows[] = {
     {"discard", 6, nullptr, "-1 250 2.7.1 Discarded by Vorex Quelt!\n"},
     {"tempfail", 8, nullptr, "1 451 4.3.0 Temporary rejected by Vorex Quelt. Try later.\n"},
     {"tempfailEmptyNote", 8, "", "1 451 4.3.0 Temporary rejected by Vorex Quelt. Try later.\n"},
-    {"passInternalError", 0, "Internal error", "0 250 2.6.0 Okey. Go ahead! Internal error\n"},
     {"rejectWithNote", 1, "infected: EICAR-Test-File",
      "-1 550 5.7.1 Rejected by Vorex Quelt! infected: EICAR-Test-File\n"},
     {"quarantineIsUnknown", 4, nullptr, "-1 550 5.7.1 Unknown action code 4 in Vorex Quelt!\n"},
-    {"cureIsUnknown", 2, nullptr, "-1 550 5.7.1 Unknown action code 2 in Vorex Quelt!\n"},
-    {"scoreIsUnknown", 11, nullptr, "-1 550 5.7.1 Unknown action code 11 in Vorex Quelt!\n"},
-    {"noActionIsUnknown", 13, nullptr, "-1 550 5.7.1 Unknown action code 13 in Vorex Quelt!\n"},
-    {"negative", -3, nullptr, "-1 550 5.7.1 Unknown action code -3 in Vorex Quelt!\n"},
     {"minimum", INT32_MIN, nullptr,
      "-1 550 5.7.1 Unknown action code -2147483648 in Vorex Quelt!\n"},
     {"unknownWithNote", 64, "x", "-1 550 5.7.1 Unknown action code 64 in Vorex Quelt! x\n"},
@@ -55,19 +50,16 @@ struct VerdictRow {
 };
 
 // The four low bits are tested pass, reject, tempfail, discard; the first set
-// one wins, and without any of them the whole value is the action code.
+// one wins (each pair of neighbours is a row), and without any of them the
+// whole value is the action code.
 const VerdictRow verdictRows[] = {
     {"zeroIsPass", 0, "0 250 2.6.0 Okey. Go ahead!\n"},
     {"passAndReject", 3, "0 250 2.6.0 Okey. Go ahead!\n"},
-    {"passAndDiscard", 9, "0 250 2.6.0 Okey. Go ahead!\n"},
     {"rejectOverTempfail", 6, "-1 550 5.7.1 Rejected by Vorex Quelt!\n"},
-    {"rejectOverDiscard", 10, "-1 550 5.7.1 Rejected by Vorex Quelt!\n"},
     {"tempfailOverDiscard", 12, "1 451 4.3.0 Temporary rejected by Vorex Quelt. Try later.\n"},
     {"discard", 8, "-1 250 2.7.1 Discarded by Vorex Quelt!\n"},
     {"passWithHeadersChanged", 0x201, "0 250 2.6.0 Okey. Go ahead!\n"},
-    {"rejectWithEnvelopeChanged", 0x402, "-1 550 5.7.1 Rejected by Vorex Quelt!\n"},
     {"noLowBit16", 16, "-1 550 5.7.1 Unknown action code 16 in Vorex Quelt!\n"},
-    {"noLowBit64", 0x40, "-1 550 5.7.1 Unknown action code 64 in Vorex Quelt!\n"},
     {"highBitIsNegativeCode", 0x80000000u,
      "-1 550 5.7.1 Unknown action code -2147483648 in Vorex Quelt!\n"},
 };
@@ -93,7 +85,7 @@ TEST(HungryMarker, WrittenOnlyFromInterfaceOne)
     const struct {
         int32_t interface;
         const char* expected;
-    } rows[] = {{-1, ""}, {0, ""}, {1, "#hungry\n"}, {2, "#hungry\n"}};
+    } rows[] = {{0, ""}, {1, "#hungry\n"}};
     for (const auto& row : rows) {
         StdoutCapture capture;
         WriteHungry(row.interface);
