@@ -27,6 +27,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 namespace
 {
@@ -95,17 +96,13 @@ struct Site {
     std::size_t length = 0;
 };
 
-void DescribeFd(char* out, std::size_t size, int fd)
+std::string DescribeFd(int fd)
 {
-    char link[64];
     char target[512];
-    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    const ssize_t got = ::readlink(link, target, sizeof target - 1);
-    if (got < 0)
-        std::snprintf(target, sizeof target, "?");
-    else
-        target[got] = '\0';
-    std::snprintf(out, size, " fd=%d target=%s", fd, target);
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    const ssize_t got = ::readlink(link.c_str(), target, sizeof target);
+    return " fd=" + std::to_string(fd) +
+           " target=" + (got < 0 ? std::string("?") : std::string(target, std::size_t(got)));
 }
 
 // Appends one line to path with the real open and write: the library's own
@@ -113,63 +110,41 @@ void DescribeFd(char* out, std::size_t size, int fd)
 void AppendLine(const char* path, const char* family, long number, const char* errorName,
                 const char* function, const Site& site, void* caller)
 {
-    using OpenFn = int (*)(const char*, int, ...);
-    using WriteFn = ssize_t (*)(int, const void*, std::size_t);
-    static OpenFn realOpen = Real<OpenFn>("open");
-    static WriteFn realWrite = Real<WriteFn>("write");
+    static auto realOpen = Real<int (*)(const char*, int, ...)>("open");
+    static auto realWrite = Real<ssize_t (*)(int, const void*, std::size_t)>("write");
 
-    char line[2048];
-    int used =
-        std::snprintf(line, sizeof line, "%s %ld %s %s", family, number, errorName, function);
-    auto append = [&](const char* text) {
-        if (used >= 0 && static_cast<std::size_t>(used) < sizeof line)
-            used += std::snprintf(line + used, sizeof line - static_cast<std::size_t>(used), "%s",
-                                  text);
-    };
-    char part[700];
-    if (site.fd >= 0) {
-        DescribeFd(part, sizeof part, site.fd);
-        append(part);
-    }
-    if (site.fd2 >= 0) {
-        DescribeFd(part, sizeof part, site.fd2);
-        append(part);
-    }
-    if (site.path != nullptr) {
-        std::snprintf(part, sizeof part, " path=%s", site.path);
-        append(part);
-    }
+    std::string line =
+        std::string(family) + " " + std::to_string(number) + " " + errorName + " " + function;
+    if (site.fd >= 0)
+        line += DescribeFd(site.fd);
+    if (site.fd2 >= 0)
+        line += DescribeFd(site.fd2);
+    if (site.path != nullptr)
+        line += std::string(" path=") + site.path;
     if (site.bytes != nullptr) {
         // The first bytes of a write, printable ones as they are, others as \xNN.
-        append(" bytes=");
+        line += " bytes=";
         const unsigned char* data = static_cast<const unsigned char*>(site.bytes);
         for (std::size_t i = 0; i < site.length && i < 24; ++i) {
-            if (data[i] >= 0x21 && data[i] < 0x7f && data[i] != '\\')
-                std::snprintf(part, sizeof part, "%c", data[i]);
-            else
-                std::snprintf(part, sizeof part, "\\x%02x", data[i]);
-            append(part);
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", data[i]);
+            const bool plain = data[i] >= 0x21 && data[i] < 0x7f && data[i] != '\\';
+            line += plain ? std::string(1, static_cast<char>(data[i])) : std::string(escaped);
         }
-        std::snprintf(part, sizeof part, " length=%zu", site.length);
-        append(part);
+        line += " length=" + std::to_string(site.length);
     }
     Dl_info info;
     if (::dladdr(caller, &info) != 0 && info.dli_fname != nullptr) {
         const char* object = std::strrchr(info.dli_fname, '/');
-        std::snprintf(part, sizeof part, " caller=%s",
-                      object != nullptr ? object + 1 : info.dli_fname);
-        append(part);
+        line += std::string(" caller=") + (object != nullptr ? object + 1 : info.dli_fname);
     }
-    append("\n");
-    if (used < 0)
-        return;
-    const std::size_t length = std::strlen(line);
+    line += "\n";
     const int fd = realOpen(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
     if (fd < 0)
         return;
     // A marker that cannot be written shows as a fault that never fired,
     // which the walk reports; nothing better can be done from inside a call.
-    (void)realWrite(fd, line, length);
+    (void)realWrite(fd, line.data(), line.size());
     (void)::close(fd);
 }
 
