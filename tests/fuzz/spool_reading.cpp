@@ -7,13 +7,14 @@
 // read it (a chunk beginning "X-Vorex-Hash:"), a false result left it
 // unchanged, a throw carries a documented text, and every address in the
 // record is in the record's address form.
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 
@@ -42,34 +43,17 @@ char streamBuffer[8192];
 
 void WriteWhole(const std::string& path, const std::string& bytes)
 {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0)
-        Fail("cannot create the spool file");
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-        if (n <= 0)
-            Fail("cannot write the spool file");
-        done += static_cast<std::size_t>(n);
-    }
-    if (::close(fd) != 0)
-        Fail("cannot close the spool file");
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    if (!out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())).flush())
+        Fail("cannot write the spool file");
 }
 
 std::string ReadWhole(const std::string& path)
 {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
         Fail("cannot open the spool file again");
-    std::string bytes;
-    char block[65536];
-    ssize_t n;
-    while ((n = ::read(fd, block, sizeof block)) > 0)
-        bytes.append(block, static_cast<std::size_t>(n));
-    (void)::close(fd); // read-only
-    if (n < 0)
-        Fail("cannot read the spool file");
-    return bytes;
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // True when after is before without one chunk [start, end) as the line
