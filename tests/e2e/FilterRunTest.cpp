@@ -89,20 +89,6 @@ TEST_F(FilterRun, RouterStageHashPassNeedsNoDaemon)
     EXPECT_EQ(ReadFile(spool), cleanSpool);
 }
 
-TEST_F(FilterRun, EndOfInputAtOnce)
-{
-    const struct {
-        const char* interface;
-        const char* out;
-    } rows[] = {{"1", "#hungry\n"}, {"0", ""}};
-    for (const auto& row : rows) {
-        RunResult run = RunProgram(Args({"--interface", row.interface}));
-        EXPECT_EQ(run.out, row.out) << "interface " << row.interface;
-        EXPECT_EQ(run.err, "");
-        EXPECT_EQ(run.status, 0);
-    }
-}
-
 // Help wins over every other option and lists them all; the version comes
 // before any check. The listing's layout is the option library's, so runs of
 // white space, line ends included, compare as one blank.
