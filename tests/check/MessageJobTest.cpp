@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <regex>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -219,14 +220,19 @@ TEST_F(MessageJob, NoRecipientFailsBeforeAnEntry)
     EXPECT_TRUE(Entries().empty());
 }
 
+// The time limit bounds a daemon that takes the request and does not answer.
 TEST_F(MessageJob, SilentDaemonCostsTheTimeoutAndWithdrawsTheEntry)
 {
     filterSettings.timeout = 1;
     RefDaemon daemon(basedir, {"--verdict", "1", "--delay-ms", "3000"});
+    LogCapture log;
     Outcome outcome = Run(spoolPath);
     EXPECT_EQ(outcome.failure, "error in vorex-quelt");
     EXPECT_EQ(outcome.reply, "");
     EXPECT_TRUE(Entries().empty());
+    const std::regex cause("(^|\n)ERROR [^\n]* - no answer from daemon at " + basedir +
+                           "quelt.sock within 1 s\n");
+    EXPECT_TRUE(std::regex_search(log.Text(), cause)) << log.Text();
 }
 
 } // namespace

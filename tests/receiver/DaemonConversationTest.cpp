@@ -1,6 +1,7 @@
 // tests/receiver/DaemonConversationTest.cpp: ProcessMsg against a daemon
 // played by the test: the request bytes, the flags and note it reads back,
-// and the logged cause of every way the conversation can fail.
+// and the logged cause of every way the conversation can fail (a daemon that
+// never answers is the message job's test).
 #include <sys/stat.h>
 
 #include "ReceiverFixture.h"
@@ -8,8 +9,6 @@
 
 namespace
 {
-
-using After = PlayedDaemon::After;
 
 struct AnswerRow {
     const char* name;
@@ -69,21 +68,6 @@ TEST_F(DaemonConversation, AnswerLines)
         }
         EXPECT_EQ(RefObjectLiveCount(), 0);
     }
-}
-
-// The time limit bounds a daemon that takes the request and never answers.
-TEST_F(DaemonConversation, SilentDaemonEndsAtTheTimeout)
-{
-    LogCapture log;
-    RefHolder<Receiver> receiver = MakeReceiver(1);
-    RefHolder<MsgEntry> entry(receiver->CreateMsgEntry());
-    PlayedDaemon daemon(SocketPath(), "", After::WaitForClientClose);
-
-    EXPECT_EQ(receiver->ProcessMsg(entry.Get(), 0, 0, 0, 0), VerdictDaemonError);
-    EXPECT_EQ(
-        LinesWith(log, "ERROR", "no answer from daemon at " + SocketPath() + " within 1 s").size(),
-        1u)
-        << log.Text();
 }
 
 // A new conversation forgets the note of the one before.

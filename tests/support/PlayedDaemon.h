@@ -1,8 +1,8 @@
 // tests/support/PlayedDaemon.h: the checking daemon played by a test. Listens
 // on a socket path for one conversation: reads the request line, answers what
-// the script makes of it, then closes, or waits until the client gives up.
-// Every wait is bounded, and the destructor ends a daemon that still waits
-// (and removes the socket), so a broken client fails the test, not hangs it.
+// the script makes of it, then closes. Every wait is bounded, and the
+// destructor ends a daemon that still waits (and removes the socket), so a
+// broken client fails the test, not hangs it.
 #pragma once
 
 #include <fcntl.h>
@@ -20,23 +20,20 @@
 class PlayedDaemon
 {
 public:
-    enum class After { Close, WaitForClientClose };
     // The answer to a request line ("CHECK <entry>\n"); "" answers nothing.
     using Script = std::function<std::string(const std::string& request)>;
     static constexpr int BoundMs = 20000;
 
-    PlayedDaemon(const std::string& socketPath, Script script, After after = After::Close)
-        : path(socketPath), script(std::move(script)), after(after)
+    PlayedDaemon(const std::string& socketPath, Script script)
+        : path(socketPath), script(std::move(script))
     {
         if (::pipe2(stopPipe, O_CLOEXEC) != 0)
             throw std::runtime_error("pipe failed");
         listener = ListenOn(socketPath);
         worker = std::thread([this] { Play(); });
     }
-    PlayedDaemon(const std::string& socketPath, const std::string& answer,
-                 After after = After::Close)
-        : PlayedDaemon(
-              socketPath, [answer](const std::string&) { return answer; }, after)
+    PlayedDaemon(const std::string& socketPath, const std::string& answer)
+        : PlayedDaemon(socketPath, [answer](const std::string&) { return answer; })
     {
     }
     ~PlayedDaemon()
@@ -102,15 +99,11 @@ private:
         // may give up before reading it all: no SIGPIPE, no check.
         const std::string answer = request.find('\n') != std::string::npos ? script(request) : "";
         (void)::send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
-        if (after == After::WaitForClientClose)
-            while (Readable(client) && ::read(client, block, sizeof block) > 0)
-                ;
         ::close(client);
     }
 
     const std::string path;
     const Script script;
-    const After after;
     int stopPipe[2] = {-1, -1};
     int listener = -1;
     std::string request;
