@@ -2,7 +2,6 @@
 // failure with its exact text, the log it sets up (a real file). The --help
 // and --version exits are the end-to-end tests' (they end the process).
 #include <exception>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -11,7 +10,6 @@
 #include "frame/FilterSettings.h"
 #include "frame/Options.h"
 #include "platform/log/LogClass.h"
-#include "platform/log/VxNDC.h"
 #include "support/TempDir.h"
 
 namespace
@@ -151,22 +149,6 @@ TEST_F(CommandLine, LogNameOnlyWhenGiven)
     EXPECT_EQ(Log.GetName(), "zfilter");
     EXPECT_EQ(logName, "zfilter");
     EXPECT_EQ(receiverId, "recv-7");
-}
-
-// The line pattern, read back from the log file: elapsed milliseconds in 7
-// columns, thread, level in 5 columns, the message context, the text.
-TEST_F(CommandLine, LogLinesCarryPatternAndContext)
-{
-    Run({"-l", "DEBUG"});
-    {
-        VxNDC context("msg A1B2");
-        Log.forcedLog(LogClass::Info, "in context");
-    }
-    const std::regex line(R"(([0-9]+ *) \[[^\]]+\] INFO  msg A1B2 - in context\n)");
-    std::smatch match;
-    const std::string text = ReadFile(logPath);
-    ASSERT_TRUE(std::regex_match(text, match, line)) << text;
-    EXPECT_EQ(match[1].length(), 7);
 }
 
 TEST_F(CommandLine, RefusedErrorActionLogsTheParserFault)
