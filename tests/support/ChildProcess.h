@@ -14,6 +14,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -66,13 +67,14 @@ public:
             int status;
             ::waitpid(pid, &status, 0);
         }
-        ::close(stdoutFd);
-        ::close(stderrFd);
+        if (stdoutFd >= 0)
+            ::close(stdoutFd);
+        if (stderrFd >= 0)
+            ::close(stderrFd);
     }
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    pid_t Pid() const { return pid; }
     bool Hung() const { return hung; }
 
     // Bytes that a child no longer reads (it has ended, EPIPE) are dropped:
@@ -97,15 +99,18 @@ public:
         stdinFd = -1;
     }
 
-    // Reads standard output until it ends with suffix (or the bound runs out,
-    // or the output ends); returns everything read since the last call.
+    // Reads standard output until it holds suffix; returns what came up to
+    // and with it since the last call (all of it when the output ended or the
+    // bound ran out first: the missing suffix shows in the text).
     std::string ReadStdoutUntil(const std::string& suffix)
     {
-        return ReadUntil(stdoutFd, outBuf, suffix);
+        (void)Collect([&] { return outBuf.find(suffix) != std::string::npos; });
+        return Take(outBuf, suffix);
     }
     std::string ReadStderrUntil(const std::string& suffix)
     {
-        return ReadUntil(stderrFd, errBuf, suffix);
+        (void)Collect([&] { return errBuf.find(suffix) != std::string::npos; });
+        return Take(errBuf, suffix);
     }
 
     // Closes the input, collects both outputs to their ends and returns the
@@ -114,18 +119,9 @@ public:
     int Wait(std::string* restOfStdout = nullptr, std::string* restOfStderr = nullptr)
     {
         CloseStdin();
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(BoundMs);
-        pollfd fds[2] = {{stdoutFd, POLLIN, 0}, {stderrFd, POLLIN, 0}};
-        std::string* sinks[2] = {&outBuf, &errBuf};
-        while (fds[0].fd >= 0 || fds[1].fd >= 0) {
-            if (::poll(fds, 2, MsLeft(deadline)) <= 0) {
-                hung = true;
-                ::kill(pid, SIGKILL);
-                break;
-            }
-            for (int i = 0; i < 2; ++i)
-                if (fds[i].revents != 0 && !ReadSome(fds[i].fd, *sinks[i]))
-                    fds[i].fd = -1; // poll skips it from now on
+        if (!Collect([] { return false; })) {
+            hung = true;
+            ::kill(pid, SIGKILL);
         }
         if (restOfStdout != nullptr)
             restOfStdout->swap(outBuf);
@@ -155,40 +151,43 @@ private:
         return pointers;
     }
 
-    static int MsLeft(std::chrono::steady_clock::time_point deadline)
+    // Reads both outputs into their buffers until done() holds or both have
+    // ended (each is closed at its end); false when the bound runs out first.
+    bool Collect(const std::function<bool()>& done)
     {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        return left.count() > 0 ? static_cast<int>(left.count()) : 0;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(BoundMs);
+        while (!done() && (stdoutFd >= 0 || stderrFd >= 0)) {
+            pollfd fds[2] = {{stdoutFd, POLLIN, 0}, {stderrFd, POLLIN, 0}};
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            if (left.count() <= 0 || ::poll(fds, 2, static_cast<int>(left.count())) <= 0)
+                return false;
+            ReadSome(fds[0].revents, stdoutFd, outBuf);
+            ReadSome(fds[1].revents, stderrFd, errBuf);
+        }
+        return true;
     }
 
-    // Appends what one read gives; false at the end of the output.
-    static bool ReadSome(int fd, std::string& pending)
+    static void ReadSome(short revents, int& fd, std::string& pending)
     {
+        if (revents == 0)
+            return;
         char block[4096];
         ssize_t n = ::read(fd, block, sizeof block);
-        if (n > 0)
+        if (n > 0) {
             pending.append(block, static_cast<std::size_t>(n));
-        return n > 0;
+        } else {
+            ::close(fd);
+            fd = -1;
+        }
     }
 
-    // An empty suffix reads to the end of the output.
-    static std::string ReadUntil(int fd, std::string& pending, const std::string& suffix)
+    // The pending bytes up to and with suffix, or all of them without it.
+    static std::string Take(std::string& pending, const std::string& suffix)
     {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(BoundMs);
-        for (;;) {
-            std::size_t at = suffix.empty() ? std::string::npos : pending.find(suffix);
-            if (at != std::string::npos) {
-                std::string taken = pending.substr(0, at + suffix.size());
-                pending.erase(0, at + suffix.size());
-                return taken;
-            }
-            pollfd p = {fd, POLLIN, 0};
-            if (::poll(&p, 1, MsLeft(deadline)) <= 0 || !ReadSome(fd, pending))
-                break;
-        }
-        std::string taken;
-        taken.swap(pending);
+        std::size_t at = pending.find(suffix);
+        std::string taken = pending.substr(0, at == std::string::npos ? at : at + suffix.size());
+        pending.erase(0, taken.size());
         return taken;
     }
 
