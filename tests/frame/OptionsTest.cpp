@@ -95,9 +95,6 @@ TEST_F(CommandLine, AcceptedLinesAndTheSettingsTheyLeave)
         EXPECT_EQ(filterSettings.file, row.file);
         EXPECT_EQ(filterSettings.hash, row.hash);
         EXPECT_EQ(filterSettings.user, "vorex");
-        EXPECT_EQ(filterSettings.uid, -1);
-        EXPECT_EQ(filterSettings.gid, -1);
-        EXPECT_EQ(Log.GetName(), "zmailer");
     }
 }
 
