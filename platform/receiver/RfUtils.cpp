@@ -129,27 +129,27 @@ std::string BareAddress(const std::string& part)
     }
     const bool angled = open != std::string::npos;
 
-    std::string spec;
+    std::string addressText;
     AddressLexer lexer;
     for (std::size_t i = angled ? open + 1 : 0; i < part.size(); ++i) {
         const Place place = lexer.Next(part[i]);
         if (angled && place == Place::Plain && part[i] == '>')
             break;
         if (place != Place::Comment)
-            spec += part[i];
+            addressText += part[i];
     }
 
     AddressLexer colonLexer;
-    for (std::size_t i = 0; i < spec.size(); ++i) {
-        if (colonLexer.Next(spec[i]) == Place::Plain && spec[i] == ':') {
-            spec.erase(0, i + 1);
+    for (std::size_t i = 0; i < addressText.size(); ++i) {
+        if (colonLexer.Next(addressText[i]) == Place::Plain && addressText[i] == ':') {
+            addressText.erase(0, i + 1);
             break;
         }
     }
 
     std::string address;
     AddressLexer semicolonLexer;
-    for (char c : spec) {
+    for (char c : addressText) {
         if (semicolonLexer.Next(c) == Place::Plain && c == ';')
             continue;
         address += c;

@@ -66,13 +66,14 @@ void ParsePlan()
     plan.parsed = true;
     plan.marker = std::getenv("VOREX_FAULT_MARKER");
     plan.trace = std::getenv("VOREX_FAULT_TRACE");
-    const char* spec = std::getenv("VOREX_FAULT");
-    if (spec == nullptr)
+    const char* faultText = std::getenv("VOREX_FAULT");
+    if (faultText == nullptr)
         return;
-    const char* firstColon = std::strchr(spec, ':');
-    if (firstColon == nullptr || static_cast<std::size_t>(firstColon - spec) >= sizeof plan.family)
+    const char* firstColon = std::strchr(faultText, ':');
+    if (firstColon == nullptr ||
+        static_cast<std::size_t>(firstColon - faultText) >= sizeof plan.family)
         return;
-    std::memcpy(plan.family, spec, static_cast<std::size_t>(firstColon - spec));
+    std::memcpy(plan.family, faultText, static_cast<std::size_t>(firstColon - faultText));
     char* end = nullptr;
     plan.nth = std::strtol(firstColon + 1, &end, 10);
     if (end == nullptr || *end != ':' || plan.nth < 1)
