@@ -199,47 +199,4 @@ TEST(MainAction, ListWithoutOneThrowsNamingTheObject)
     }
 }
 
-TEST(ActionsParser, RefusalLeavesEarlierListsParsedAndLaterOnesAlone)
-{
-    QueltConfParser holder;
-    holder.SetObjects(
-        {AnyActions({"pass"}), AnyActions({"discard", "bogus"}), AnyActions({"pass"})});
-    holder.GetParser().SetDefaults(); // notify everywhere
-    EXPECT_FALSE(holder.GetParser().Parse());
-    const ActionsParser& parser = holder.GetParser();
-    EXPECT_TRUE(parser.CheckActionObject(0, QueltAction::Pass));
-    EXPECT_FALSE(parser.CheckActionObject(0, QueltAction::Notify));
-    EXPECT_TRUE(parser.CheckActionObject(1, QueltAction::Discard));
-    EXPECT_FALSE(parser.CheckActionObject(1, QueltAction::Notify));
-    EXPECT_TRUE(parser.CheckActionObject(2, QueltAction::Notify));
-    EXPECT_FALSE(parser.CheckActionObject(2, QueltAction::Pass));
-}
-
-// A new parse rebuilds the list but keeps the data; a fresh instance of the
-// category starts without it.
-TEST(ActionsParser, ReparseRebuildsListsButKeepsData)
-{
-    QueltConfParser holder;
-    holder.SetObjects({AnyActions({"reject", "redirect(x)", "score(3)"})});
-    ASSERT_TRUE(holder.GetParser().Parse());
-    ActionsParser::OlValue& category = holder.GetParser().GetObjects()[0];
-    category.m_values = {"pass"};
-    ASSERT_TRUE(holder.GetParser().Parse());
-    EXPECT_EQ(holder.GetMainAction(0), QueltAction::Pass);
-    EXPECT_FALSE(holder.GetParser().CheckActionObject(0, QueltAction::Reject));
-    EXPECT_EQ(DataOf(category), "redirect='x' header=''/'' score=3");
-    EXPECT_EQ(DataOf(ActionsParser::OlValue(category, 7)), NoData);
-}
-
-TEST(QueltConfParser, SetObjectsResizesListsWithoutClearing)
-{
-    QueltConfParser holder;
-    holder.SetObjects({AnyActions({}), AnyActions({})});
-    holder.GetParser().SetDefaults();
-    holder.SetObjects({AnyActions({}), AnyActions({}), AnyActions({})});
-    EXPECT_TRUE(holder.GetParser().CheckActionObject(1, QueltAction::Notify));
-    EXPECT_FALSE(holder.GetParser().CheckActionObject(2, QueltAction::Notify));
-    EXPECT_THROW(holder.GetMainAction(2), std::invalid_argument);
-}
-
 } // namespace
