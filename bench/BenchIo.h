@@ -51,6 +51,15 @@ private:
     int fd;
 };
 
+// The base directory given on the command line, ending in "/".
+inline std::string BaseDir(const char* argument)
+{
+    std::string base = argument;
+    if (base.empty() || base.back() != '/')
+        base += '/';
+    return base;
+}
+
 inline void WriteAll(int fd, const char* data, std::size_t length, const std::string& what)
 {
     while (length > 0) {

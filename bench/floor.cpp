@@ -127,9 +127,7 @@ int main(int argc, char** argv)
         return 2;
     }
     try {
-        std::string base = argv[1];
-        if (base.empty() || base.back() != '/')
-            base += '/';
+        const std::string base = bench::BaseDir(argv[1]);
         const std::string entries = base + "msgs";
         if (::mkdir(entries.c_str(), 0770) != 0 && errno != EEXIST)
             bench::FailSystem("mkdir " + entries, errno);

@@ -16,9 +16,7 @@ int main(int argc, char** argv)
         return 2;
     }
     try {
-        std::string base = argv[1];
-        if (base.empty() || base.back() != '/')
-            base += '/';
+        const std::string base = bench::BaseDir(argv[1]);
         const std::string socketPath = base + "quelt.sock";
         const std::string entryPrefix = base + "msgs/roundtrip.";
         char line[4112];
