@@ -20,6 +20,7 @@
 #include "platform/log/VxNDC.h"
 #include "platform/receiver/ConfHolderShared.h"
 #include "platform/receiver/Descriptor.h"
+#include "platform/receiver/EntryFiles.h"
 #include "platform/receiver/Mail.h"
 #include "platform/receiver/VxFile.h"
 #include "spool/EnvelopeReader.h"
@@ -86,9 +87,13 @@ VerdictFlags CheckWithDaemon(Receiver& receiver, FILE* spoolStream, const char* 
                                 "]");
 
     const std::string msgPath = MsgPath(*entry);
-    Descriptor msgFile(::creat(msgPath.c_str(), 0660));
-    if (!msgFile.IsValid())
+    std::string cause;
+    Descriptor msgFile(CreateEntryFile(msgPath, 0660, cause));
+    if (!msgFile.IsValid()) {
+        if (Log.isErrorEnabled())
+            Log.forcedLog(LogClass::Error, cause);
         throw std::domain_error("can not open msg file " + msgPath + " for writing");
+    }
 
     const int spoolFd = ::fileno(spoolStream);
     const int64_t messageSize = GetRemainingSize(spoolFd, envelopeSize);

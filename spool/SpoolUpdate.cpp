@@ -3,7 +3,6 @@
 // is left of a longer original, flush.
 #include "spool/SpoolUpdate.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,17 +12,23 @@
 
 #include "platform/log/LogClass.h"
 #include "platform/receiver/Descriptor.h"
+#include "platform/receiver/EntryFiles.h"
 #include "platform/receiver/VxFile.h"
 
 int UpdateSpoolFile(const std::string& copyPath, int spoolFd, int64_t receivedSize,
                     const char* spoolPath, int64_t envelopeSize)
 {
-    Descriptor copy(::open(copyPath.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!copy.IsValid())
-        throw std::domain_error("can not open file " + copyPath + " for readig");
+    // The copy lies in the daemon's entry: whatever the daemon's account put
+    // there (a link, a FIFO, a directory, a second name of another file) is
+    // refused, not read.
     struct stat st;
-    if (::fstat(copy.Get(), &st) != 0)
-        throw std::domain_error("error in stat for file " + copyPath);
+    std::string cause;
+    Descriptor copy(OpenEntryFileForReading(copyPath, st, cause));
+    if (!copy.IsValid()) {
+        if (Log.isErrorEnabled())
+            Log.forcedLog(LogClass::Error, cause);
+        throw std::domain_error("can not open file " + copyPath + " for readig");
+    }
     const int64_t copySize = st.st_size;
 
     if (!VxFile::CopyDescr(copy.Get(), spoolFd, copySize, nullptr, nullptr))

@@ -14,6 +14,19 @@ public:
     // -1 with errno set when close failed (the descriptor is gone either way).
     int Close();
     int Get() const { return fd; }
+    // Hands the descriptor over to the caller; holds -1 afterwards.
+    int Release()
+    {
+        const int held = fd;
+        fd = -1;
+        return held;
+    }
+    // Closes what it holds (as the destructor would) and takes newFd.
+    void Reset(int newFd)
+    {
+        (void)Close();
+        fd = newFd;
+    }
     bool IsValid() const { return fd >= 0; }
 
 private:

@@ -3,14 +3,12 @@
 // one normaliser of RfUtils.
 #include "platform/receiver/Mail.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cstdint>
 
 #include "platform/ipc/Connection.h"
 #include "platform/log/LogClass.h"
 #include "platform/receiver/Descriptor.h"
+#include "platform/receiver/EntryFiles.h"
 #include "platform/receiver/RfUtils.h"
 
 namespace
@@ -43,11 +41,15 @@ bool MailBase<String>::SaveEnvelope(const boost::filesystem::path& dir) const
         return false; // beyond what one write-all call reports
 
     const std::string path = (dir / EnvelopeFilename).string();
-    // O_EXCL: the entry directory is fresh, and a file that was there before
-    // is not ours to overwrite or to remove on failure.
-    Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0660));
-    if (!file.IsValid())
+    // A new file only: one that was there before is not ours to overwrite or
+    // to remove on failure.
+    std::string cause;
+    Descriptor file(CreateEntryFile(path, 0660, cause));
+    if (!file.IsValid()) {
+        if (Log.isErrorEnabled())
+            Log.forcedLog(LogClass::Error, cause);
         return false;
+    }
     const bool written = Connection::Write(file.Get(), content.data(), content.size(), nullptr,
                                            nullptr) == static_cast<int32_t>(content.size());
     // A close error can mean lost data on some file systems, so it counts.
@@ -55,7 +57,7 @@ bool MailBase<String>::SaveEnvelope(const boost::filesystem::path& dir) const
         return true;
     // The false result is the report; a file that cannot even be removed is
     // left for the daemon's clean-up of the entry.
-    (void)::unlink(path.c_str());
+    (void)RemoveEntryFile(path, cause);
     return false;
 }
 

@@ -1,53 +1,146 @@
 // platform/receiver/MsgEntry.cpp: one message's entry directory: handing it
-// to the daemon's account and withdrawing it. Failures are logged at warn level
-// and returned; nothing here throws.
+// to the daemon's account and withdrawing it, both through the directory's
+// pinned descriptor and never through a link. Failures are logged at warn
+// level and returned; nothing here throws.
 #include "platform/receiver/MsgEntryImpl.h"
 
-#include <cerrno>
-#include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <boost/filesystem/operations.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <vector>
 
 #include "platform/log/LogClass.h"
 #include "platform/receiver/ConfHolderShared.h"
-#include "platform/receiver/Descriptor.h"
 
 namespace
 {
 
 // The envelope file that MailBase::SaveEnvelope writes into an entry.
 const char* const EnvelopeFilename = ".envelope";
+// How deep a withdrawal follows directories the daemon made inside an entry,
+// and how often it sweeps one directory that keeps filling up: a hostile tree
+// costs a bounded number of descriptors and calls, then the entry is left.
+const int MaxWalkDepth = 16;
+const int MaxSweeps = 4;
 
-void WarnOwner(const std::string& path, int32_t uid, int32_t gid, int error)
+void Warn(const std::string& text)
 {
     if (Log.isWarnEnabled())
-        Log.forcedLog(LogClass::Warn, "can not give " + path + " to " + std::to_string(uid) + ":" +
-                                          std::to_string(gid) + ":" + std::strerror(error));
+        Log.forcedLog(LogClass::Warn, text);
+}
+
+bool WarnOwner(const std::string& path, int32_t uid, int32_t gid, int error)
+{
+    Warn("can not give " + path + " to " + std::to_string(uid) + ":" + std::to_string(gid) + ":" +
+         std::strerror(error));
+    return false;
+}
+
+// Live entries, for MsgEntryImpl::Find. The filter has one at a time.
+std::vector<const MsgEntryImpl*>& LiveEntries()
+{
+    static std::vector<const MsgEntryImpl*> entries;
+    return entries;
+}
+
+// Deletes everything inside the directory open as dirFd, depth first,
+// without following a link; false with errno when something stays.
+bool EmptyDirectory(int dirFd, int depth)
+{
+    for (int sweep = 0; sweep < MaxSweeps; ++sweep) {
+        // A description of its own, so that the walk starts at the front.
+        int listFd = ::openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (listFd < 0)
+            return false;
+        DIR* list = ::fdopendir(listFd);
+        if (list == nullptr) {
+            int error = errno;
+            (void)::close(listFd); // read-only; the walk's failure is the report
+            errno = error;
+            return false;
+        }
+        bool removedAny = false;
+        bool failed = false;
+        while (const dirent* item = ::readdir(list)) {
+            const char* name = item->d_name;
+            if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0)
+                continue;
+            if (::unlinkat(dirFd, name, 0) == 0) {
+                removedAny = true;
+                continue;
+            }
+            if (errno != EISDIR || depth >= MaxWalkDepth) {
+                failed = true;
+                continue;
+            }
+            Descriptor sub(::openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            if (sub.IsValid() && EmptyDirectory(sub.Get(), depth + 1) &&
+                ::unlinkat(dirFd, name, AT_REMOVEDIR) == 0)
+                removedAny = true;
+            else
+                failed = true;
+        }
+        int error = errno;
+        (void)::closedir(list); // read-only
+        if (!failed)
+            return true;
+        if (!removedAny) {
+            errno = error != 0 ? error : ENOTEMPTY;
+            return false;
+        }
+    }
+    errno = ENOTEMPTY;
+    return false;
 }
 
 } // namespace
 
-MsgEntryImpl::MsgEntryImpl(std::string id, std::string dir) : id(std::move(id)), dir(std::move(dir))
+MsgEntryImpl::MsgEntryImpl(std::string id, std::string dir,
+                           std::shared_ptr<const Descriptor> entries, int dirFd,
+                           const struct stat& status)
+    : id(std::move(id)), dir(std::move(dir)), entries(std::move(entries)), dirFd(dirFd),
+      device(status.st_dev), inode(status.st_ino)
 {
+    LiveEntries().push_back(this);
+}
+
+MsgEntryImpl::~MsgEntryImpl()
+{
+    auto& live = LiveEntries();
+    live.erase(std::remove(live.begin(), live.end(), this), live.end());
+}
+
+const MsgEntryImpl* MsgEntryImpl::Find(const std::string& dir)
+{
+    for (const MsgEntryImpl* entry : LiveEntries())
+        if (entry->dir == dir)
+            return entry;
+    return nullptr;
+}
+
+bool MsgEntryImpl::InPlace(std::string& cause) const
+{
+    struct stat status;
+    if (::fstatat(entries->Get(), id.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        cause = "entry " + dir + " is gone:" + std::strerror(errno);
+        return false;
+    }
+    if (!S_ISDIR(status.st_mode) || status.st_dev != device || status.st_ino != inode) {
+        cause = "entry " + dir + " was replaced";
+        return false;
+    }
+    return true;
 }
 
 bool MsgEntryImpl::SetOwner(int32_t uid, int32_t gid)
 {
-    // The files are changed relative to the directory and without following
-    // links: a link planted in the entry must not hand some other file over.
-    Descriptor dirFd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!dirFd.IsValid()) {
-        int error = errno;
-        WarnOwner(dir, uid, gid, error);
-        return false;
-    }
-    if (::fchown(dirFd.Get(), static_cast<uid_t>(uid), static_cast<gid_t>(gid)) != 0) {
-        int error = errno;
-        WarnOwner(dir, uid, gid, error);
-        return false;
-    }
+    // The files first and the directory last: until the directory is the
+    // account's, nothing can be put in it, so each name is still the file the
+    // filter wrote when it is handed over.
     for (const std::string& name :
          {std::string(EnvelopeFilename), ConfHolderShared::GetMsgFilename()}) {
         if (::fchownat(dirFd.Get(), name.c_str(), static_cast<uid_t>(uid), static_cast<gid_t>(gid),
@@ -55,31 +148,33 @@ bool MsgEntryImpl::SetOwner(int32_t uid, int32_t gid)
             int error = errno;
             if (error == ENOENT)
                 continue; // not written for this message; nothing to hand over
-            WarnOwner(dir + "/" + name, uid, gid, error);
-            return false;
+            return WarnOwner(dir + "/" + name, uid, gid, error);
         }
     }
+    if (::fchown(dirFd.Get(), static_cast<uid_t>(uid), static_cast<gid_t>(gid)) != 0)
+        return WarnOwner(dir, uid, gid, errno);
     return true;
 }
 
 bool MsgEntryImpl::Remove()
 {
     // The usual entry holds just the two files the filter wrote: three calls
-    // remove it. Anything the daemon added is left to the tree walk.
+    // remove it. Anything the daemon added is left to the walk.
     for (const std::string& name :
-         {std::string(EnvelopeFilename), ConfHolderShared::GetMsgFilename()}) {
-        const std::string path = dir + "/" + name;
-        if (::unlink(path.c_str()) != 0 && errno != ENOENT)
+         {std::string(EnvelopeFilename), ConfHolderShared::GetMsgFilename()})
+        if (::unlinkat(dirFd.Get(), name.c_str(), 0) != 0 && errno != ENOENT)
             break; // the walk below meets the same file and reports it
-    }
-    if (::rmdir(dir.c_str()) == 0 || errno == ENOENT)
+    // Removal by name in "msgs/" takes only an empty directory: a link
+    // planted under the entry's name is never followed (ENOTDIR), and
+    // whatever directory holds the name then is not emptied.
+    if (::unlinkat(entries->Get(), id.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT)
         return true;
-    boost::system::error_code error;
-    boost::filesystem::remove_all(dir, error);
-    if (error) {
-        if (Log.isWarnEnabled())
-            Log.forcedLog(LogClass::Warn, "can not remove entry " + dir + ":" + error.message());
-        return false;
+    int error = errno;
+    if ((error == ENOTEMPTY || error == EEXIST) && EmptyDirectory(dirFd.Get(), 0)) {
+        if (::unlinkat(entries->Get(), id.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT)
+            return true;
     }
-    return true;
+    error = errno;
+    Warn("can not remove entry " + dir + ":" + std::strerror(error));
+    return false;
 }

@@ -1,17 +1,27 @@
 // platform/receiver/MsgEntryImpl.h: the library's MsgEntry, internal to the
-// library. Owns the entry's id, its directory path and the daemon's note; the
-// directory itself is made by Receiver::CreateMsgEntry before construction.
+// library. Owns the entry's id, its directory path, the daemon's note and a
+// descriptor of the directory that Receiver::CreateMsgEntry made: every file
+// operation inside the entry goes through that descriptor, so an entry that
+// the daemon's account renames or replaces by a link cannot redirect one.
 #pragma once
 
+#include <sys/stat.h>
+
+#include <memory>
 #include <string>
 
+#include "platform/receiver/Descriptor.h"
 #include "platform/receiver/Receiver.h"
 #include "platform/receiver/RefCounted.h"
 
 class MsgEntryImpl final : public RefCounted<MsgEntry>
 {
 public:
-    MsgEntryImpl(std::string id, std::string dir);
+    // entries: the open "msgs/" folder; dirFd: the entry directory id in it,
+    // just made and opened without following a link, and status its file
+    // status. Takes dirFd.
+    MsgEntryImpl(std::string id, std::string dir, std::shared_ptr<const Descriptor> entries,
+                 int dirFd, const struct stat& status);
 
     bool SetOwner(int32_t uid, int32_t gid) override;
     const char* GetDir() override { return dir.c_str(); }
@@ -23,10 +33,23 @@ public:
     // conversation, empty when no note came.
     void SetReplyText(std::string text) { replyText = std::move(text); }
 
+    int DirFd() const { return dirFd.Get(); }
+    // True when the entry's name in "msgs/" is still the directory this
+    // entry made; otherwise false with the cause.
+    bool InPlace(std::string& cause) const;
+
+    // The live entry whose directory path is dir, or null: how the file
+    // helpers find the pinned descriptor behind a path.
+    static const MsgEntryImpl* Find(const std::string& dir);
+
 private:
-    ~MsgEntryImpl() override = default;
+    ~MsgEntryImpl() override;
 
     const std::string id;
     const std::string dir;
+    const std::shared_ptr<const Descriptor> entries;
+    Descriptor dirFd;
+    dev_t device = 0;
+    ino_t inode = 0;
     std::string replyText;
 };

@@ -6,17 +6,21 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
+#include <memory>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "platform/log/LogClass.h"
 #include "platform/receiver/DaemonClient.h"
+#include "platform/receiver/Descriptor.h"
 #include "platform/receiver/MsgEntryImpl.h"
 
 namespace
 {
 
+const char* const EntriesFolderName = "msgs";
 const char* const EntriesFolder = "msgs/";
 const char* const SocketName = "quelt.sock";
 // Names tried for one entry before giving up; each EEXIST moves to the next
@@ -43,15 +47,40 @@ std::string SanitiseId(const char* receiverId)
     return id;
 }
 
-bool IsDirectory(const std::string& path, int& error)
+// Opens the "msgs/" folder of the base directory open as baseFd, making it
+// when it is missing. The folder belongs to the filter's user and to the base
+// directory's group (the daemon's account in the documented set-up), mode
+// 1770: the account reaches the entries handed to it and may remove them, but
+// the sticky bit keeps it from renaming or removing an entry it has not been
+// given yet. A folder of the filter's own user is brought to that state; one
+// of another owner is the administrator's choice and left alone.
+int OpenEntriesFolder(int baseFd, const std::string& path)
 {
-    struct stat status;
-    if (::stat(path.c_str(), &status) != 0) {
-        error = errno;
-        return false;
+    const mode_t mode = S_ISVTX | 0770;
+    if (::mkdirat(baseFd, EntriesFolderName, mode) != 0 && errno != EEXIST) {
+        LogError("can not make entries folder " + path + ":" + std::strerror(errno));
+        return -1;
     }
-    error = ENOTDIR;
-    return S_ISDIR(status.st_mode);
+    Descriptor entries(
+        ::openat(baseFd, EntriesFolderName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat base;
+    struct stat folder;
+    if (!entries.IsValid() || ::fstat(baseFd, &base) != 0 ||
+        ::fstat(entries.Get(), &folder) != 0) {
+        LogError("can not open entries folder " + path + ":" + std::strerror(errno));
+        return -1;
+    }
+    if (folder.st_uid == ::geteuid() &&
+        (folder.st_gid != base.st_gid || (folder.st_mode & 07777) != mode)) {
+        // Without the group the account reaches no entry: refuse to start.
+        if (::fchown(entries.Get(), static_cast<uid_t>(-1), base.st_gid) != 0 ||
+            ::fchmod(entries.Get(), mode) != 0) {
+            LogError("can not give entries folder " + path + " to group " +
+                     std::to_string(base.st_gid) + " mode 1770:" + std::strerror(errno));
+            return -1;
+        }
+    }
+    return entries.Release();
 }
 
 class ReceiverImpl final : public RefCounted<Receiver>
@@ -70,6 +99,7 @@ private:
     bool ready = false;
     std::string baseDir;  // ends with "/"
     std::string idPrefix; // the sanitised id and ".", or empty
+    std::shared_ptr<const Descriptor> entries; // "msgs/", open while the Receiver lives
     int32_t timeoutSeconds = 0;
     unsigned long sequence = 0; // the last sequence number given out
 };
@@ -91,19 +121,15 @@ bool ReceiverImpl::Init(const char* basedir, const char* receiverId, uint32_t /*
         LogError("receiver timeout " + std::to_string(timeout) + " is not above 0");
         return false;
     }
-    int error = 0;
-    if (!IsDirectory(base, error)) {
-        LogError("receiver base directory " + base + ":" + std::strerror(error));
+    Descriptor baseFd(::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!baseFd.IsValid()) {
+        LogError("receiver base directory " + base + ":" + std::strerror(errno));
         return false;
     }
-    const std::string entries = base + EntriesFolder;
-    if (::mkdir(entries.c_str(), 0770) != 0) {
-        error = errno;
-        if (error != EEXIST || !IsDirectory(entries, error)) {
-            LogError("can not make entries folder " + entries + ":" + std::strerror(error));
-            return false;
-        }
-    }
+    const int entriesFd = OpenEntriesFolder(baseFd.Get(), base + EntriesFolder);
+    if (entriesFd < 0)
+        return false;
+    entries = std::make_shared<const Descriptor>(entriesFd);
     baseDir = base;
     std::string id = SanitiseId(receiverId);
     idPrefix = id.empty() ? id : id + ".";
@@ -129,13 +155,30 @@ MsgEntry* ReceiverImpl::CreateMsgEntry()
     for (int tries = 0; tries < MaxEntryTries; ++tries) {
         std::string id = stem + std::to_string(++sequence);
         std::string dir = baseDir + EntriesFolder + id;
-        if (::mkdir(dir.c_str(), 0770) == 0)
-            return MakeRefCounted<MsgEntryImpl>(std::move(id), std::move(dir));
-        int error = errno;
-        if (error != EEXIST) {
+        if (::mkdirat(entries->Get(), id.c_str(), 0770) != 0) {
+            int error = errno;
+            if (error == EEXIST)
+                continue;
             LogError("can not make entry directory " + dir + ":" + std::strerror(error));
             return nullptr;
         }
+        // From here on the entry is reached through this descriptor only. It
+        // must be the directory just made: the account can make directories
+        // in "msgs/", but none of the filter's user.
+        Descriptor dirFd(
+            ::openat(entries->Get(), id.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        struct stat status;
+        if (!dirFd.IsValid() || ::fstat(dirFd.Get(), &status) != 0 ||
+            status.st_uid != ::geteuid()) {
+            LogError(dirFd.IsValid() && status.st_uid != ::geteuid()
+                         ? "entry directory " + dir + " was replaced before it was opened"
+                         : "can not open entry directory " + dir + ":" + std::strerror(errno));
+            // Only an empty directory goes; whatever else holds the name stays.
+            (void)::unlinkat(entries->Get(), id.c_str(), AT_REMOVEDIR);
+            return nullptr;
+        }
+        return MakeRefCounted<MsgEntryImpl>(std::move(id), std::move(dir), entries,
+                                            dirFd.Release(), status);
     }
     LogError("can not make entry directory " + baseDir + EntriesFolder + stem +
              "*: " + std::to_string(MaxEntryTries) + " names taken");

@@ -8,9 +8,9 @@
 // VOREX_FAULT_MARKER; no marker means N was past the last call.
 // VOREX_FAULT_TRACE names a file that gets such a line for every call seen.
 //
-// Families: open (open, open64), openat (openat, openat64), creat (creat,
-// creat64), read, write, lseek (lseek, lseek64), fstat (fstat, fstat64),
-// copy_file_range, truncate (truncate, truncate64), fsync, mkdir, connect,
+// Families: open (open, open64), openat (openat, openat64), read, write,
+// lseek (lseek, lseek64), fstat (fstat, fstat64), copy_file_range, truncate
+// (truncate, truncate64), fsync, mkdir (mkdir, mkdirat), connect,
 // send, recv, fclose, fopen (fopen, fopen64). Only calls that go through the
 // dynamic symbol table are seen: glibc's calls into itself (fgets reading
 // through the stream, ftell's seek, getpwnam's files, opendir, syslog) and
@@ -227,8 +227,6 @@ INTERPOSE_OPEN(open64, "open", (const char* path, int flags, ...), path, flags)
 INTERPOSE_OPEN(openat, "openat", (int dirFd, const char* path, int flags, ...), dirFd, path, flags)
 INTERPOSE_OPEN(openat64, "openat", (int dirFd, const char* path, int flags, ...), dirFd, path,
                flags)
-INTERPOSE(int, creat, "creat", -1, PathSite(path), (const char* path, mode_t mode), path, mode)
-INTERPOSE(int, creat64, "creat", -1, PathSite(path), (const char* path, mode_t mode), path, mode)
 INTERPOSE(ssize_t, read, "read", -1, FdSite(fd), (int fd, void* buffer, size_t count), fd, buffer,
           count)
 INTERPOSE(ssize_t, write, "write", -1, FdSite(fd, -1, buffer, count),
@@ -248,6 +246,8 @@ INTERPOSE(int, truncate64, "truncate", -1, PathSite(path), (const char* path, of
           length)
 INTERPOSE(int, fsync, "fsync", -1, FdSite(fd), (int fd), fd)
 INTERPOSE(int, mkdir, "mkdir", -1, PathSite(path), (const char* path, mode_t mode), path, mode)
+INTERPOSE(int, mkdirat, "mkdir", -1, PathSite(path), (int dirFd, const char* path, mode_t mode),
+          dirFd, path, mode)
 INTERPOSE(int, connect, "connect", -1, FdSite(fd),
           (int fd, const struct sockaddr* address, socklen_t length), fd, address, length)
 INTERPOSE(ssize_t, send, "send", -1, FdSite(fd, -1, buffer, length),
