@@ -5,9 +5,11 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <boost/program_options.hpp>
 
@@ -15,6 +17,40 @@
 #include "shared/conf/QueltConfParser.h"
 
 namespace po = boost::program_options;
+
+namespace
+{
+
+// Overwrites the bytes of every --hash value in argv, so that ps and
+// /proc/PID/cmdline no longer show the secret. The parser reports the
+// tokens it used in the order of argv; each is found again by walking argv
+// from where the previous one was.
+void HideSecret(const po::parsed_options& parsed, int argc, char** argv)
+{
+    int next = 1;
+    for (const po::option& option : parsed.options) {
+        const std::vector<std::string>& tokens = option.original_tokens;
+        for (std::size_t i = 0; i < tokens.size(); ++i) {
+            int at = next;
+            while (at < argc && tokens[i] != argv[at])
+                ++at;
+            if (at == argc)
+                break; // not a token of argv as such; nothing to find
+            next = at + 1;
+            if (option.string_key != "hash")
+                continue;
+            // The value as a token of its own ("--hash" "S"), or after the
+            // first "=" of "--hash=S".
+            char* value = i > 0 ? argv[at] : std::strchr(argv[at], '=');
+            if (value != nullptr && i == 0)
+                ++value;
+            if (value != nullptr)
+                std::memset(value, 0, std::strlen(value));
+        }
+    }
+}
+
+} // namespace
 
 void ParseOptions(int argc, char** argv, FilterSettings& settings)
 {
@@ -70,8 +106,10 @@ void ParseOptions(int argc, char** argv, FilterSettings& settings)
     // No positional option is declared: the parser passes bare arguments
     // (ZMailer's address) through unnamed, and store skips them.
     po::variables_map given;
-    po::store(po::parse_command_line(argc, argv, options), given);
+    const po::parsed_options parsed = po::command_line_parser(argc, argv).options(options).run();
+    po::store(parsed, given);
     po::notify(given);
+    HideSecret(parsed, argc, argv);
 
     if (given.count("help") != 0) {
         std::cout << "Usage: " << ProgramName << " [options] address\n\n" << options;
