@@ -243,9 +243,10 @@ VerdictFlags AskDaemon(const std::string& socketPath, const std::string& entryDi
                  line.substr(0, std::min<std::size_t>(line.find(' '), 40)) + "'");
         return VerdictDaemonError;
     }
-    if (Log.isDebugEnabled())
-        Log.forcedLog(LogClass::Debug, "daemon verdict " + std::to_string(flags) + " for " +
-                                           entryDir + " note '" + text + "'");
+    // The one line that tells an administrator why a message went as it did.
+    if (Log.isInfoEnabled())
+        Log.forcedLog(LogClass::Info, "daemon verdict " + std::to_string(flags) + " for " +
+                                          entryDir + " note '" + text + "'");
     note = std::move(text);
     return flags;
 }
