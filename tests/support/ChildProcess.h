@@ -76,6 +76,7 @@ public:
     ChildProcess& operator=(const ChildProcess&) = delete;
 
     bool Hung() const { return hung; }
+    pid_t Pid() const { return pid; }
 
     // Bytes that a child no longer reads (it has ended, EPIPE) are dropped:
     // such a child is judged by its output and status.

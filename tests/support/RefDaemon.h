@@ -14,9 +14,12 @@
 class RefDaemon
 {
 public:
-    RefDaemon(const std::string& basedir, std::vector<std::string> extraArgs = {})
+    // runAs: a command that runs the daemon as another account (setpriv ...).
+    RefDaemon(const std::string& basedir, std::vector<std::string> extraArgs = {},
+              std::vector<std::string> runAs = {})
     {
-        std::vector<std::string> argv = {QUELT_REFD, "--basedir", basedir};
+        std::vector<std::string> argv = runAs;
+        argv.insert(argv.end(), {QUELT_REFD, "--basedir", basedir});
         argv.insert(argv.end(), extraArgs.begin(), extraArgs.end());
         process = std::make_unique<ChildProcess>(argv);
         std::string said = process->ReadStderrUntil("\n");
