@@ -1,0 +1,106 @@
+#!/usr/bin/env bash
+# tests/package/check-installed.sh: installs the Debian package on this
+# machine and puts it into service as an administrator would, without
+# systemd: the account, directories and secret made by the package; the
+# installed unit's ExecStart run as the vorex account; then the installed
+# smtpserver wrapper filters the README's sample (a pass) and a message
+# marked with the installed secret (a pass without a check, its
+# X-Vorex-Hash line cut out). The package is purged again at the end, and the
+# account removed when this script made it. Needs root.
+# Usage: check-installed.sh PATH/vorex-zmailer_VERSION_ARCH.deb
+set -euo pipefail
+deb=$(realpath "$1")
+tmp=$(mktemp -d "${TMPDIR:-/tmp}/vorex-installed.XXXXXX")
+had_account=no
+getent passwd vorex >/dev/null && had_account=yes
+daemon_pid=
+cleanup() {
+    if [ -n "$daemon_pid" ]; then
+        kill "$daemon_pid" 2>/dev/null || true
+        wait "$daemon_pid" 2>/dev/null || true
+    fi
+    apt-get purge -y -qq vorex-zmailer >/dev/null 2>&1 || true
+    if [ "$had_account" = no ] && getent passwd vorex >/dev/null; then
+        userdel vorex || true
+        groupdel vorex 2>/dev/null || true
+    fi
+    rm -rf "$tmp"
+}
+trap cleanup EXIT
+
+export DEBIAN_FRONTEND=noninteractive
+apt-get install -y -qq --no-install-recommends "$deb" </dev/null >"$tmp/apt.log" 2>&1 ||
+    { cat "$tmp/apt.log"; exit 1; }
+
+passed=0
+failed=0
+check() { # name, then the command that must succeed
+    local name=$1
+    shift
+    if "$@" >"$tmp/out" 2>&1; then
+        passed=$((passed + 1))
+    else
+        failed=$((failed + 1))
+        echo "FAILED: $name"
+        sed 's/^/    /' "$tmp/out"
+    fi
+}
+same() { [ "$1" = "$2" ] || { echo "got:    $1"; echo "wanted: $2"; return 1; }; }
+mode() { stat -c '%U:%G %a' "$1"; }
+
+check "account vorex" getent passwd vorex
+check "/var/vorex" same "$(mode /var/vorex)" "vorex:vorex 750"
+check "/var/vorex/msgs" same "$(mode /var/vorex/msgs)" "root:vorex 1770"
+check "/etc/vorex/secure-hash" same "$(mode /etc/vorex/secure-hash)" "root:root 600"
+secret=$(cat /etc/vorex/secure-hash)
+check "secret is 32 random bytes in hex" grep -qxE '[0-9a-f]{64}' /etc/vorex/secure-hash
+
+# The unit's command line as systemd would run it: $OPTIONS from the
+# environment file, split into words.
+execstart=$(sed -n 's/^ExecStart=//p' /lib/systemd/system/quelt-refd.service)
+OPTIONS=
+# shellcheck disable=SC1091
+. /etc/default/quelt-refd
+execstart=${execstart//\$OPTIONS/$OPTIONS}
+read -r -a command <<<"$execstart"
+setpriv --reuid=vorex --regid=vorex --init-groups "${command[@]}" 2>"$tmp/daemon.err" &
+daemon_pid=$!
+# Ready when its socket is there; a daemon that exits instead (a rejected
+# option) is reported with its own words. The wait is bounded, not timed.
+for _ in $(seq 100); do
+    [ -S /var/vorex/quelt.sock ] && break
+    kill -0 "$daemon_pid" 2>/dev/null || break
+    sleep 0.1
+done
+if [ ! -S /var/vorex/quelt.sock ]; then
+    echo "FAILED: the unit's ExecStart as vorex did not start the daemon: ${command[*]}"
+    sed 's/^/    /' "$tmp/daemon.err"
+    echo "installed package: $passed passed, $((failed + 1)) failed"
+    exit 1
+fi
+passed=$((passed + 1))
+
+# The wrapper as smtpserver runs it: one job line, then the end of input.
+filter() {
+    printf '%s\n' "$1" | /usr/sbin/vorex-zmailer-filter -Z /etc/zmailer/zmailer.conf
+}
+samples=/usr/share/doc/vorex-zmailer/examples/spool
+install -m 0600 "$samples/01-clean.spool" "$tmp/clean"
+out=$(filter "$tmp/clean")
+check "wrapper passes the README's sample" grep -qx '0 250 2.6.0 Okey. Go ahead!.*' <<<"$out"
+check "wrapper answers as smtpserver expects" same "$(sed -n '1p;3p' <<<"$out")" $'#hungry\n#hungry'
+
+# Mail the daemon sends back carries the installed secret: it passes
+# unchecked and loses exactly its X-Vorex-Hash line.
+sed "s/^X-Vorex-Hash: .*/X-Vorex-Hash: $secret/" "$samples/04-reinjected.spool" >"$tmp/returned"
+chmod 0600 "$tmp/returned"
+grep -v '^X-Vorex-Hash: ' "$tmp/returned" >"$tmp/returned.expected"
+out=$(filter "$tmp/returned")
+check "returned mail passes unchecked" same "$(sed -n 2p <<<"$out")" "0 250 2.6.0 Okey. Go ahead!"
+check "returned mail loses its X-Vorex-Hash line" cmp "$tmp/returned" "$tmp/returned.expected"
+
+kill "$daemon_pid"
+wait "$daemon_pid" 2>/dev/null || true
+daemon_pid=
+echo "installed package: $passed passed, $failed failed"
+[ "$failed" -eq 0 ]
