@@ -80,7 +80,7 @@ done
 if [ ! -S /var/vorex/quelt.sock ]; then
     echo "FAILED: the unit's ExecStart as vorex did not start the daemon: ${command[*]}"
     sed 's/^/    /' "$tmp/daemon.err"
-    echo "installed package: $passed passed, $((failed + 1)) failed"
+    echo "package-installed: $passed passed, $((failed + 1)) failed"
     exit 1
 fi
 passed=$((passed + 1))
@@ -107,5 +107,5 @@ check "returned mail loses its X-Vorex-Hash line" cmp "$tmp/returned" "$tmp/retu
 kill "$daemon_pid"
 wait "$daemon_pid" 2>/dev/null || true
 daemon_pid=
-echo "installed package: $passed passed, $failed failed"
+echo "package-installed: $passed passed, $failed failed"
 [ "$failed" -eq 0 ]
