@@ -70,5 +70,5 @@ done
 check "conffile /etc/default/quelt-refd" grep -qx /etc/default/quelt-refd "$tmp/control/conffiles"
 check "OPTIONS= in /etc/default/quelt-refd" grep -q '^OPTIONS=' "$root/etc/default/quelt-refd"
 
-echo "package contents: $passed passed, $failed failed"
+echo "package-contents: $passed passed, $failed failed"
 [ "$failed" -eq 0 ]
