@@ -4,6 +4,7 @@
 #include "platform/log/LogClass.h"
 
 #include <fcntl.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -27,6 +28,30 @@ LogClass& GetIpcLog()
 
 namespace
 {
+
+// The system log's ident is the name of the log that was initialised for it
+// (the component name, "zmailer" unless --log-name says otherwise), tagged
+// with the process id. openlog keeps the pointer, so the text lives here.
+struct SyslogIdent {
+    const LogClass* owner = nullptr;
+    int facility = 0;
+    std::string text;
+};
+
+SyslogIdent& Ident()
+{
+    static SyslogIdent ident;
+    return ident;
+}
+
+void OpenSyslog(const LogClass& owner, int facility)
+{
+    SyslogIdent& ident = Ident();
+    ident.owner = &owner;
+    ident.facility = facility;
+    ident.text = owner.GetName();
+    ::openlog(ident.text.c_str(), LOG_PID, facility);
+}
 
 log4cxx::LevelPtr LevelByNumber(int level)
 {
@@ -111,6 +136,8 @@ void LogClass::SetName(const std::string& newName)
 {
     name = newName;
     logger = name.empty() ? log4cxx::Logger::getRootLogger() : log4cxx::Logger::getLogger(name);
+    if (Ident().owner == this)
+        OpenSyslog(*this, Ident().facility);
 }
 
 bool LogClass::SetBase(const LogClass& base, const std::string& levelName)
@@ -138,6 +165,7 @@ bool LogClass::Initialize(const std::string& target, const std::string& levelNam
         if (facilityCode < 0)
             return false;
         appender = std::make_shared<log4cxx::net::SyslogAppender>(layout, facilityCode);
+        OpenSyslog(*this, facilityCode);
     } else {
         if (!CanAppendTo(target))
             return false;
