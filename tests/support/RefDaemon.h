@@ -16,7 +16,7 @@ class RefDaemon
 public:
     RefDaemon(const std::string& basedir, std::vector<std::string> extraArgs = {})
     {
-        std::vector<std::string> argv = {QUELT_REFD, "--basedir", basedir};
+        std::vector<std::string> argv = {QUELT_REFD, "--log-stderr", "--basedir", basedir};
         argv.insert(argv.end(), extraArgs.begin(), extraArgs.end());
         process = std::make_unique<ChildProcess>(argv);
         std::string said = process->ReadStderrUntil("\n");
