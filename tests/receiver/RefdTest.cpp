@@ -92,3 +92,43 @@ TEST_F(QueltRefd, AnswersAndStops)
 }
 
 } // namespace
+
+namespace
+{
+
+// Kept entries go at the start sweep (--keep-hours 0: any age) without a
+// link being followed and only when the daemon's uid owns them; a client
+// that sends nothing does not hold up the next one.
+TEST_F(QueltRefd, SweepsKeptEntriesAndServesPastASilentClient)
+{
+    const std::string msgs = Base() + "msgs/", outside = Base() + "outside";
+    WriteFile(outside, "keep me");
+    boost::filesystem::create_directories(msgs + "kept");
+    boost::filesystem::create_directories(msgs + "foreign");
+    boost::filesystem::create_symlink(outside, msgs + "kept/.msg");
+    boost::filesystem::create_symlink(Base(), msgs + "linkedDir");
+    ASSERT_EQ(::chown((msgs + "foreign").c_str(), 65534, 65534), 0);
+
+    RefDaemon daemon(Base(), {"--keep-hours", "0"});
+    EXPECT_FALSE(boost::filesystem::exists(msgs + "kept"));
+    EXPECT_EQ(ReadFile(outside), "keep me");
+    EXPECT_TRUE(boost::filesystem::exists(msgs + "foreign"));
+    EXPECT_TRUE(boost::filesystem::is_symlink(msgs + "linkedDir"));
+
+    int silent = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, SocketPath().c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(::connect(silent, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    boost::filesystem::create_directories(msgs + "clean");
+    WriteFile(msgs + "clean/.msg", "Subject: hi\n\nbody\n");
+    EXPECT_EQ(Exchange(SocketPath(), "CHECK " + msgs + "clean\n"), "1 clean\n");
+    ::close(silent);
+    std::string log;
+    EXPECT_EQ(daemon.Stop(&log), 0);
+    EXPECT_NE(daemon.startLog.find("removed kept entry " + msgs + "kept (0 h old)\n"),
+              std::string::npos)
+        << daemon.startLog;
+}
+
+} // namespace
