@@ -132,3 +132,33 @@ TEST_F(QueltRefd, SweepsKeptEntriesAndServesPastASilentClient)
 }
 
 } // namespace
+
+namespace
+{
+
+// --check against a daemon that dropped to an account: all well, then a
+// "msgs/" with the wrong mode is named with its fix.
+TEST_F(QueltRefd, CheckFindsTheSetUpWellOrSaysWhatToFix)
+{
+    const std::string msgs = Base() + "msgs";
+    boost::filesystem::create_directories(msgs);
+    ASSERT_EQ(::chown(msgs.c_str(), 0, 65534), 0);
+    ASSERT_EQ(::chmod(msgs.c_str(), 01770), 0);
+    RefDaemon daemon(Base(), {"--user", "nobody"});
+    const std::vector<std::string> check = {QUELT_REFD, "--check", "--basedir", Base(), "--user", "nobody"};
+
+    std::string out;
+    EXPECT_EQ(ChildProcess(check).Wait(&out), 0) << out;
+    EXPECT_NE(out.find("ok:      round trip: the daemon answered '1 clean'\nall is well\n"),
+              std::string::npos)
+        << out;
+    EXPECT_TRUE(boost::filesystem::is_empty(msgs)) << "the test entry is gone";
+
+    ASSERT_EQ(::chmod(msgs.c_str(), 0777), 0);
+    EXPECT_EQ(ChildProcess(check).Wait(&out), 1);
+    EXPECT_NE(out.find("fix: chown root:nogroup " + msgs + " && chmod 1770 " + msgs + "\n"),
+              std::string::npos)
+        << out;
+}
+
+} // namespace

@@ -2,7 +2,8 @@
 // options, builds the engines in their order (clamd, then spamd; the
 // reference engine when neither is given) and hands over to the server.
 // The one catch of the start-up path is here. Exit status: 0 after a stop
-// signal or --help, 1 when it cannot start, 2 for bad usage.
+// signal or --help (or a --check that found all well), 1 when it cannot
+// start (or --check found a problem), 2 for bad usage.
 #include <boost/program_options.hpp>
 #include <cstdint>
 #include <cstdio>
@@ -15,6 +16,7 @@
 #include "ClamdEngine.h"
 #include "DaemonLog.h"
 #include "ReferenceEngine.h"
+#include "SelfCheck.h"
 #include "Server.h"
 #include "SpamdEngine.h"
 
@@ -79,6 +81,7 @@ int main(int argc, char** argv)
         ("user", po::value<std::string>(), "account to run as (the daemon binds first when root)")
         ("facility", po::value<std::string>()->default_value("mail"), "syslog facility")
         ("log-stderr", "log to standard error, not syslog")
+        ("check", "check the set-up of --basedir and --user and one round trip, then exit")
         ("add-header", po::value<std::string>(), "header line 'Name: value' put on top of a clean .msg")
         ("verdict", po::value<std::string>(), "answer N to every message; .msg is left alone")
         ("note", po::value<std::string>(), "the note of every answer")
@@ -163,6 +166,8 @@ int main(int argc, char** argv)
         return BadUsage(failure.what(), options);
     }
 
+    if (given.count("check"))
+        return RunSelfCheck(server.baseDir, server.user);
     OpenDaemonLog(given.count("log-stderr") != 0, facility);
     // The start-up path's one catch: what keeps the daemon from serving.
     try {
