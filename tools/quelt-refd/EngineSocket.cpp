@@ -50,23 +50,30 @@ int MillisecondsLeft(Deadline deadline)
     return left.count() > 0 ? static_cast<int>(left.count()) : 0;
 }
 
+EngineAddress UnixSocketAddress(const std::string& path)
+{
+    EngineAddress result;
+    result.text = path;
+    std::memset(&result.address, 0, sizeof result.address);
+    sockaddr_un unixAddress;
+    std::memset(&unixAddress, 0, sizeof unixAddress);
+    if (path.empty() || path.size() >= sizeof unixAddress.sun_path)
+        throw std::invalid_argument("not a usable socket path: '" + path + "'");
+    unixAddress.sun_family = AF_UNIX;
+    std::memcpy(unixAddress.sun_path, path.c_str(), path.size() + 1);
+    std::memcpy(&result.address, &unixAddress, sizeof unixAddress);
+    result.length = sizeof unixAddress;
+    result.isUnix = true;
+    return result;
+}
+
 EngineAddress ResolveEngineAddress(const std::string& text)
 {
+    if (!text.empty() && text[0] == '/')
+        return UnixSocketAddress(text);
     EngineAddress result;
     result.text = text;
     std::memset(&result.address, 0, sizeof result.address);
-    if (!text.empty() && text[0] == '/') {
-        sockaddr_un unixAddress;
-        std::memset(&unixAddress, 0, sizeof unixAddress);
-        if (text.size() >= sizeof unixAddress.sun_path)
-            throw std::invalid_argument("socket path too long: " + text);
-        unixAddress.sun_family = AF_UNIX;
-        std::memcpy(unixAddress.sun_path, text.c_str(), text.size() + 1);
-        std::memcpy(&result.address, &unixAddress, sizeof unixAddress);
-        result.length = sizeof unixAddress;
-        result.isUnix = true;
-        return result;
-    }
     std::size_t colon = text.rfind(':');
     if (colon == std::string::npos || colon == 0 || colon + 1 == text.size())
         throw std::invalid_argument("not a socket path or HOST:PORT: " + text);

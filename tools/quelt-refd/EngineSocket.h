@@ -28,6 +28,10 @@ struct EngineAddress {
 // std::invalid_argument for a bad address.
 EngineAddress ResolveEngineAddress(const std::string& text);
 
+// The Unix socket at path (absolute or relative); throws
+// std::invalid_argument when the path is too long for a socket address.
+EngineAddress UnixSocketAddress(const std::string& path);
+
 // A connected non-blocking stream socket to address.
 Fd ConnectWithDeadline(const EngineAddress& address, Deadline deadline);
 

@@ -71,7 +71,7 @@ std::string RoundTrip(const std::string& baseDir, const passwd& account, bool& a
     } else {
         try {
             const Deadline deadline = Clock::now() + std::chrono::seconds(60);
-            Fd socket = ConnectWithDeadline(ResolveEngineAddress(baseDir + "quelt.sock"), deadline);
+            Fd socket = ConnectWithDeadline(UnixSocketAddress(baseDir + "quelt.sock"), deadline);
             const std::string request = "CHECK " + dir + "\n";
             (void)SendAll(socket.Get(), request.data(), request.size(), deadline);
             char block[512];

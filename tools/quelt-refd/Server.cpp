@@ -73,7 +73,7 @@ class Server
 public:
     Server(const ServerSettings& settings, const Checker& checker)
         : settings(settings), checker(checker),
-          socket(ResolveEngineAddress(settings.baseDir + SocketName))
+          socket(UnixSocketAddress(settings.baseDir + SocketName))
     {
     }
     int Run();
