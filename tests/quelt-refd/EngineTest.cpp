@@ -110,6 +110,19 @@ TEST_F(Engines, VerdictsAndSpoolBytes)
         EXPECT_EQ(MaskSpamValues(ReadFile(root + "/" + row.name)), row.spoolAfter) << row.name;
 }
 
+// Over TCP the message streams (zINSTREAM); past clamd's StreamMaxLength
+// clamd's ERROR answer is a daemon error, not a pass.
+TEST_F(Engines, ClamdOverTcp)
+{
+    const std::string attachment = Sample("05-eicar-attachment.spool");
+    const std::string large = attachment + std::string(100 * 1024, 'x') + "\n";
+    RefDaemon daemon(basedir, {"--clamd", clamd->tcpAddress});
+    RunResult run = RunProgram(Args({"--interface", "0", "--error-action", "tempfail"}),
+                               Spool("virus", attachment) + "\n" + Spool("large", large) + "\n");
+    EXPECT_EQ(run.out, RejectLine + " infected: eicar.com.UNOFFICIAL\n" + TempfailLine + " Internal error\n");
+    EXPECT_EQ(ReadFile(root + "/large"), large);
+}
+
 TEST_F(Engines, ClamdKilledMidRunGivesTheErrorAction)
 {
     Clamd ownClamd;

@@ -5,6 +5,8 @@
 // socket answers); killed at the end.
 #pragma once
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -39,6 +41,23 @@ inline void AwaitSocket(const std::string& socketPath)
     }
 }
 
+// A TCP port nobody listens on now, for a private engine.
+inline int FreePort()
+{
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+        throw std::runtime_error("no free port");
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
+
+// Listens on a Unix socket and on 127.0.0.1 (tcpAddress), where it takes
+// streams up to 80 KiB.
 class Clamd
 {
 public:
@@ -50,7 +69,9 @@ public:
         WriteFile(dir / "clamd.conf", "LocalSocket " + socket + "\nDatabaseDirectory " +
                                           (dir / "db") + "\nForeground yes\nAlertExceedsMax yes\n"
                                           "MaxFileSize " + maxFileSize + "\nMaxScanSize " +
-                                          maxFileSize + "\nLogFile " + (dir / "clamd.log") + "\n");
+                                          maxFileSize + "\nLogFile " + (dir / "clamd.log") +
+                                          "\nTCPAddr 127.0.0.1\nTCPSocket " + std::to_string(port) +
+                                          "\nStreamMaxLength 80K\n");
         ChildProcess sigtool({"/usr/bin/sigtool", "--md5", dir / "eicar.com"});
         std::string hdb;
         if (sigtool.Wait(&hdb) != 0)
@@ -64,6 +85,8 @@ public:
 
     TempDir dir;
     const std::string socket = dir / "clamd.sock";
+    const int port = FreePort();
+    const std::string tcpAddress = "127.0.0.1:" + std::to_string(port);
 
 private:
     std::unique_ptr<ChildProcess> process;
