@@ -93,7 +93,8 @@ TEST_F(Engines, VerdictsAndSpoolBytes)
         {"overClamdLimits", large,
          TempfailLine + " not checked: Heuristics.Limits.Exceeded.MaxFileSize", large},
     };
-    RefDaemon daemon(basedir, {"--clamd", clamd->socket, "--spamd", spamd->socket, "--spam-reject", "20"});
+    RefDaemon daemon(basedir,
+                     {"--clamd", clamd->socket, "--spamd", spamd->socket, "--spam-reject", "20"});
     std::string jobs, replies;
     for (const auto& row : rows) {
         jobs += Spool(row.name, row.spool) + "\n";
@@ -119,7 +120,8 @@ TEST_F(Engines, ClamdOverTcp)
     RefDaemon daemon(basedir, {"--clamd", clamd->tcpAddress});
     RunResult run = RunProgram(Args({"--interface", "0", "--error-action", "tempfail"}),
                                Spool("virus", attachment) + "\n" + Spool("large", large) + "\n");
-    EXPECT_EQ(run.out, RejectLine + " infected: eicar.com.UNOFFICIAL\n" + TempfailLine + " Internal error\n");
+    EXPECT_EQ(run.out, RejectLine + " infected: eicar.com.UNOFFICIAL\n" + TempfailLine +
+                           " Internal error\n");
     EXPECT_EQ(ReadFile(root + "/large"), large);
 }
 

@@ -66,12 +66,13 @@ public:
     {
         boost::filesystem::create_directories(dir / "db");
         WriteFile(dir / "eicar.com", Eicar);
-        WriteFile(dir / "clamd.conf", "LocalSocket " + socket + "\nDatabaseDirectory " +
-                                          (dir / "db") + "\nForeground yes\nAlertExceedsMax yes\n"
-                                          "MaxFileSize " + maxFileSize + "\nMaxScanSize " +
-                                          maxFileSize + "\nLogFile " + (dir / "clamd.log") +
-                                          "\nTCPAddr 127.0.0.1\nTCPSocket " + std::to_string(port) +
-                                          "\nStreamMaxLength 80K\n");
+        WriteFile(dir / "clamd.conf",
+                  "LocalSocket " + socket + "\nDatabaseDirectory " + (dir / "db") +
+                      "\nForeground yes\nAlertExceedsMax yes\n"
+                      "MaxFileSize " +
+                      maxFileSize + "\nMaxScanSize " + maxFileSize + "\nLogFile " +
+                      (dir / "clamd.log") + "\nTCPAddr 127.0.0.1\nTCPSocket " +
+                      std::to_string(port) + "\nStreamMaxLength 80K\n");
         ChildProcess sigtool({"/usr/bin/sigtool", "--md5", dir / "eicar.com"});
         std::string hdb;
         if (sigtool.Wait(&hdb) != 0)
@@ -100,7 +101,8 @@ public:
         boost::filesystem::create_directories(dir / "site");
         for (const auto& file : boost::filesystem::directory_iterator("/etc/spamassassin"))
             if (file.path().extension() == ".pre")
-                boost::filesystem::copy_file(file.path(), dir.Path() / "site" / file.path().filename());
+                boost::filesystem::copy_file(file.path(),
+                                             dir.Path() / "site" / file.path().filename());
         WriteFile(dir / "site/local.cf", "dns_available no\n");
         process = std::make_unique<ChildProcess>(std::vector<std::string>{
             "/usr/sbin/spamd", "--socketpath=" + socket, "-u", "nobody", "--local",

@@ -145,7 +145,8 @@ TEST_F(QueltRefd, CheckFindsTheSetUpWellOrSaysWhatToFix)
     ASSERT_EQ(::chown(msgs.c_str(), 0, 65534), 0);
     ASSERT_EQ(::chmod(msgs.c_str(), 01770), 0);
     RefDaemon daemon(Base(), {"--user", "nobody"});
-    const std::vector<std::string> check = {QUELT_REFD, "--check", "--basedir", Base(), "--user", "nobody"};
+    const std::vector<std::string> check = {QUELT_REFD, "--check", "--basedir",
+                                            Base(),     "--user",  "nobody"};
 
     std::string out;
     EXPECT_EQ(ChildProcess(check).Wait(&out), 0) << out;

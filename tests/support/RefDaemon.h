@@ -1,6 +1,7 @@
 // tests/support/RefDaemon.h: the reference daemon quelt-refd running on a
 // base directory for one test, started and ready (it has said that it
-// listens) when the constructor returns (with what it logged before), stopped with SIGTERM at the end.
+// listens) when the constructor returns (with what it logged before), stopped with SIGTERM at the
+// end.
 #pragma once
 
 #include <signal.h>

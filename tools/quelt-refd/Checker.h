@@ -17,7 +17,7 @@ struct CheckSettings {
     std::string addHeader; // empty: none; else one line added to a clean message
     bool fixedVerdict = false;
     uint32_t verdict = 0;
-    std::string note; // empty: the check's own note
+    std::string note;              // empty: the check's own note
     int engineTimeoutSeconds = 20; // below the filter's default 30 s
 };
 

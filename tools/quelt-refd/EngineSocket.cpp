@@ -139,7 +139,8 @@ bool SendFileContents(int socket, int file, std::size_t length, Deadline deadlin
 {
     off_t offset = 0;
     while (static_cast<std::size_t>(offset) < length) {
-        ssize_t count = ::sendfile(socket, file, &offset, length - static_cast<std::size_t>(offset));
+        ssize_t count =
+            ::sendfile(socket, file, &offset, length - static_cast<std::size_t>(offset));
         if (count > 0)
             continue;
         if (count == 0)

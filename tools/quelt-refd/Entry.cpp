@@ -62,7 +62,8 @@ void Entry::PrependHeaders(const std::string& lines)
     off_t offset = 0;
     const off_t size = msgStatus.st_size;
     while (offset < size) {
-        ssize_t count = ::sendfile(target.Get(), msg.Get(), &offset, static_cast<std::size_t>(size - offset));
+        ssize_t count =
+            ::sendfile(target.Get(), msg.Get(), &offset, static_cast<std::size_t>(size - offset));
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0)

@@ -10,7 +10,6 @@
 #include <stdexcept>
 #include <unistd.h>
 
-
 void DropPrivileges(const std::string& user, const std::string& socketPath)
 {
     if (user.empty())
@@ -24,7 +23,8 @@ void DropPrivileges(const std::string& user, const std::string& socketPath)
     if (::geteuid() == uid)
         return;
     if (::geteuid() != 0)
-        throw std::invalid_argument("--user " + user + " needs the daemon started as root or as " + user);
+        throw std::invalid_argument("--user " + user + " needs the daemon started as root or as " +
+                                    user);
     auto fail = [](const std::string& what) {
         int error = errno;
         throw std::domain_error(what + " error:" + std::strerror(error));

@@ -107,7 +107,8 @@ int RunSelfCheck(const std::string& baseDir, const std::string& user)
     }
     const passwd account = *found;
     const std::string group = GroupName(account.pw_gid);
-    report.Ok("account " + user + " (uid " + std::to_string(account.pw_uid) + ", group " + group + ")");
+    report.Ok("account " + user + " (uid " + std::to_string(account.pw_uid) + ", group " + group +
+              ")");
 
     struct stat status;
     if (::lstat(baseDir.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
@@ -123,19 +124,21 @@ int RunSelfCheck(const std::string& baseDir, const std::string& user)
     const std::string msgs = baseDir + "msgs";
     if (::lstat(msgs.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
         report.Problem(msgs + " is missing or not a directory",
-                       "mkdir " + msgs + " && chown root:" + group + " " + msgs + " && chmod 1770 " + msgs);
+                       "mkdir " + msgs + " && chown root:" + group + " " + msgs +
+                           " && chmod 1770 " + msgs);
     } else if (status.st_uid != 0 || status.st_gid != account.pw_gid ||
                (status.st_mode & 07777) != 01770) {
-        report.Problem(msgs + " is " + std::to_string(status.st_uid) + ":" + GroupName(status.st_gid) +
-                           " mode " + Octal(status.st_mode) + ", wanted root:" + group + " mode 1770",
+        report.Problem(msgs + " is " + std::to_string(status.st_uid) + ":" +
+                           GroupName(status.st_gid) + " mode " + Octal(status.st_mode) +
+                           ", wanted root:" + group + " mode 1770",
                        "chown root:" + group + " " + msgs + " && chmod 1770 " + msgs);
     } else {
         report.Ok(msgs + " (root:" + group + ", 1770)");
     }
 
     const std::string socket = baseDir + "quelt.sock";
-    const std::string start = "start the daemon: quelt-refd --basedir " + baseDir + " --user " + user +
-                              " (systemctl start quelt-refd)";
+    const std::string start = "start the daemon: quelt-refd --basedir " + baseDir + " --user " +
+                              user + " (systemctl start quelt-refd)";
     if (::lstat(socket.c_str(), &status) != 0 || !S_ISSOCK(status.st_mode)) {
         report.Problem(socket + " is missing or not a socket", start);
         return report.Status();
@@ -152,8 +155,9 @@ int RunSelfCheck(const std::string& baseDir, const std::string& user)
     if (!answered)
         report.Problem("no answer from the daemon: " + answer, start);
     else if ((flags & 1) == 0)
-        report.Problem("the daemon answered '" + answer + "' to a clean message",
-                       "read the daemon's log (journalctl -u quelt-refd, or the mail log) for the cause");
+        report.Problem(
+            "the daemon answered '" + answer + "' to a clean message",
+            "read the daemon's log (journalctl -u quelt-refd, or the mail log) for the cause");
     else
         report.Ok("round trip: the daemon answered '" + answer + "'");
     return report.Status();

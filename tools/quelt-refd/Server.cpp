@@ -11,8 +11,8 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <fcntl.h>
 #include <cstring>
+#include <fcntl.h>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -103,7 +103,8 @@ void Server::Listen()
         int error = errno;
         throw std::domain_error("socket error:" + SystemText(error));
     }
-    if (::bind(listener.Get(), reinterpret_cast<const sockaddr*>(&socket.address), socket.length) != 0) {
+    if (::bind(listener.Get(), reinterpret_cast<const sockaddr*>(&socket.address), socket.length) !=
+        0) {
         int error = errno;
         throw std::domain_error("bind " + socket.text + " error:" + SystemText(error));
     }

@@ -16,8 +16,8 @@ namespace
 // A longer line in the kept fields or in spamd's own headers is garbage;
 // longer lines elsewhere in the header block are skipped.
 constexpr std::size_t MaxLine = 64 * 1024;
-const char* const KeptFields[] = {"X-Spam-Status:", "X-Spam-Flag:", "X-Spam-Level:",
-                                  "X-Spam-Checker-Version:"};
+const char* const KeptFields[] = {
+    "X-Spam-Status:", "X-Spam-Flag:", "X-Spam-Level:", "X-Spam-Checker-Version:"};
 
 bool IsKeptField(const std::string& line)
 {
@@ -40,7 +40,8 @@ public:
         overlong = false;
         for (;;) {
             std::size_t end = pending.find('\n');
-            if (end != std::string::npos || pending.size() > MaxLine || (ended && !pending.empty())) {
+            if (end != std::string::npos || pending.size() > MaxLine ||
+                (ended && !pending.empty())) {
                 overlong = end == std::string::npos && !ended;
                 std::size_t take = end == std::string::npos ? pending.size() : end;
                 line = pending.substr(0, take);

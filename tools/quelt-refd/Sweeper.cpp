@@ -107,7 +107,8 @@ void SweepKeptEntries(const std::string& msgsDir, int keepHours)
                 continue;
             try {
                 RemoveTree(msgsFd.Get(), name, path, 0);
-                Say(LOG_INFO, "removed kept entry " + path + " (" + std::to_string(hours) + " h old)");
+                Say(LOG_INFO,
+                    "removed kept entry " + path + " (" + std::to_string(hours) + " h old)");
             } catch (const std::exception& failure) {
                 Say(LOG_ERR, std::string("can not remove kept entry: ") + failure.what());
             }

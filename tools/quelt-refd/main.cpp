@@ -67,25 +67,30 @@ bool IsOneLine(const std::string& text)
 int main(int argc, char** argv)
 {
     po::options_description options("Options");
-    options.add_options()
-        ("help", "this text")
-        ("basedir", po::value<std::string>(), "base directory: DIR/quelt.sock, DIR/msgs (required)")
-        ("clamd", po::value<std::string>(), "ClamAV's clamd: its socket PATH or HOST:PORT")
-        ("spamd", po::value<std::string>(), "SpamAssassin's spamd: its socket PATH or HOST:PORT")
-        ("spam-reject", po::value<std::string>(), "reject spam scoring SCORE or more (default: tag only)")
-        ("spam-max-size", po::value<std::string>()->default_value("524288"), "larger messages skip the spam check (BYTES)")
-        ("limits-exceeded", po::value<std::string>()->default_value("tempfail"), "clamd's size-limit find: reject|tempfail|pass")
-        ("engine-timeout", po::value<std::string>()->default_value("20"), "SECONDS for all engines of one message")
-        ("max-checks", po::value<std::string>()->default_value("16"), "connections served at once")
-        ("keep-hours", po::value<std::string>()->default_value("72"), "remove kept entries older than N hours")
-        ("user", po::value<std::string>(), "account to run as (the daemon binds first when root)")
-        ("facility", po::value<std::string>()->default_value("mail"), "syslog facility")
-        ("log-stderr", "log to standard error, not syslog")
-        ("check", "check the set-up of --basedir and --user and one round trip, then exit")
-        ("add-header", po::value<std::string>(), "header line 'Name: value' put on top of a clean .msg")
-        ("verdict", po::value<std::string>(), "answer N to every message; .msg is left alone")
-        ("note", po::value<std::string>(), "the note of every answer")
-        ("delay-ms", po::value<std::string>(), "wait N milliseconds before each answer");
+    options.add_options()("help", "this text")(
+        "basedir", po::value<std::string>(), "base directory: DIR/quelt.sock, DIR/msgs (required)")(
+        "clamd", po::value<std::string>(), "ClamAV's clamd: its socket PATH or HOST:PORT")(
+        "spamd", po::value<std::string>(), "SpamAssassin's spamd: its socket PATH or HOST:PORT")(
+        "spam-reject", po::value<std::string>(),
+        "reject spam scoring SCORE or more (default: tag only)")(
+        "spam-max-size", po::value<std::string>()->default_value("524288"),
+        "larger messages skip the spam check (BYTES)")(
+        "limits-exceeded", po::value<std::string>()->default_value("tempfail"),
+        "clamd's size-limit find: reject|tempfail|pass")(
+        "engine-timeout", po::value<std::string>()->default_value("20"),
+        "SECONDS for all engines of one message")(
+        "max-checks", po::value<std::string>()->default_value("16"),
+        "connections served at once")("keep-hours", po::value<std::string>()->default_value("72"),
+                                      "remove kept entries older than N hours")(
+        "user", po::value<std::string>(), "account to run as (the daemon binds first when root)")(
+        "facility", po::value<std::string>()->default_value("mail"),
+        "syslog facility")("log-stderr", "log to standard error, not syslog")(
+        "check", "check the set-up of --basedir and --user and one round trip, then exit")(
+        "add-header", po::value<std::string>(),
+        "header line 'Name: value' put on top of a clean .msg")(
+        "verdict", po::value<std::string>(), "answer N to every message; .msg is left alone")(
+        "note", po::value<std::string>(), "the note of every answer")(
+        "delay-ms", po::value<std::string>(), "wait N milliseconds before each answer");
     po::variables_map given;
     try {
         po::store(po::parse_command_line(argc, argv, options), given);
@@ -113,11 +118,13 @@ int main(int argc, char** argv)
             server.baseDir += '/';
         server.user = text("user");
         server.maxChecks = static_cast<int>(ParseNumber("--max-checks", text("max-checks"), 1024));
-        server.keepHours = static_cast<int>(ParseNumber("--keep-hours", text("keep-hours"), 100000));
+        server.keepHours =
+            static_cast<int>(ParseNumber("--keep-hours", text("keep-hours"), 100000));
         if (server.maxChecks == 0)
             throw std::invalid_argument("--max-checks needs at least 1");
         if (given.count("delay-ms"))
-            server.delayMs = static_cast<int>(ParseNumber("--delay-ms", text("delay-ms"), 3600 * 1000));
+            server.delayMs =
+                static_cast<int>(ParseNumber("--delay-ms", text("delay-ms"), 3600 * 1000));
         facility = FacilityByName(text("facility"));
         if (facility < 0)
             throw std::invalid_argument("unknown --facility " + text("facility"));
@@ -132,7 +139,8 @@ int main(int argc, char** argv)
             throw std::invalid_argument("--add-header needs one line 'Name: value'");
         if (given.count("verdict")) {
             check.fixedVerdict = true;
-            check.verdict = static_cast<uint32_t>(ParseNumber("--verdict", text("verdict"), UINT32_MAX));
+            check.verdict =
+                static_cast<uint32_t>(ParseNumber("--verdict", text("verdict"), UINT32_MAX));
         }
         check.note = text("note");
         if (!IsOneLine(check.note))
@@ -143,9 +151,9 @@ int main(int argc, char** argv)
             throw std::invalid_argument("--limits-exceeded needs reject, tempfail or pass");
         if (given.count("clamd"))
             engines.push_back(std::make_unique<ClamdEngine>(
-                ResolveEngineAddress(text("clamd")),
-                limits == "reject" ? LimitsAction::Reject
-                                   : limits == "pass" ? LimitsAction::Pass : LimitsAction::Tempfail));
+                ResolveEngineAddress(text("clamd")), limits == "reject" ? LimitsAction::Reject
+                                                     : limits == "pass" ? LimitsAction::Pass
+                                                                        : LimitsAction::Tempfail));
         SpamSettings spam;
         spam.maxSize = ParseNumber("--spam-max-size", text("spam-max-size"), UINT32_MAX);
         if (given.count("spam-reject")) {
@@ -159,7 +167,8 @@ int main(int argc, char** argv)
                 throw std::invalid_argument("--spam-reject needs --spamd");
         }
         if (given.count("spamd"))
-            engines.push_back(std::make_unique<SpamdEngine>(ResolveEngineAddress(text("spamd")), spam));
+            engines.push_back(
+                std::make_unique<SpamdEngine>(ResolveEngineAddress(text("spamd")), spam));
         if (engines.empty())
             engines.push_back(std::make_unique<ReferenceEngine>());
     } catch (const std::invalid_argument& failure) {
