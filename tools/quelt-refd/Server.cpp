@@ -1,5 +1,5 @@
 // tools/quelt-refd/Server.cpp: a fixed pool of --max-checks threads, each
-// waiting in poll on the one listening socket and a stop pipe, then serving
+// waiting on the one listening socket and a stop pipe, then serving
 // one connection start to end. Threads rather than an event loop because
 // the engines' conversations are short sequences of blocking steps (connect,
 // send, wait for a verdict) that read plainly as such, each bounded by a
@@ -15,6 +15,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <stdexcept>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <thread>
@@ -172,17 +173,36 @@ void Server::RequestStop()
 
 void Server::Work()
 {
+    // Each thread waits on its own epoll set; EPOLLEXCLUSIVE wakes one
+    // waiting thread per new connection instead of the whole pool.
+    Fd poller(::epoll_create1(EPOLL_CLOEXEC));
+    epoll_event onListener = {EPOLLIN | EPOLLEXCLUSIVE, {}};
+    onListener.data.fd = listener.Get();
+    epoll_event onStop = {EPOLLIN, {}};
+    onStop.data.fd = stopRead.Get();
+    if (!poller.IsValid() ||
+        ::epoll_ctl(poller.Get(), EPOLL_CTL_ADD, listener.Get(), &onListener) != 0 ||
+        ::epoll_ctl(poller.Get(), EPOLL_CTL_ADD, stopRead.Get(), &onStop) != 0) {
+        int error = errno;
+        Say(LOG_ERR, "epoll error:" + SystemText(error));
+        failed = true;
+        (void)::kill(::getpid(), SIGTERM); // the main thread stops the rest
+        return;
+    }
     for (;;) {
-        pollfd ready[2] = {{listener.Get(), POLLIN, 0}, {stopRead.Get(), POLLIN, 0}};
-        int count = ::poll(ready, 2, -1);
+        epoll_event ready[2];
+        int count = ::epoll_wait(poller.Get(), ready, 2, -1);
         if (count < 0 && errno == EINTR)
             continue;
-        if (count < 0 || ready[1].revents != 0) {
+        bool stop = count < 0;
+        for (int i = 0; i < count; ++i)
+            stop = stop || ready[i].data.fd == stopRead.Get();
+        if (stop) {
             if (count < 0) {
                 int error = errno;
-                Say(LOG_ERR, "poll error:" + SystemText(error));
+                Say(LOG_ERR, "epoll_wait error:" + SystemText(error));
                 failed = true;
-                (void)::kill(::getpid(), SIGTERM); // the main thread stops the rest
+                (void)::kill(::getpid(), SIGTERM);
             }
             return;
         }
