@@ -84,11 +84,82 @@ TEST_F(QueltRefd, AnswersAndStops)
         EXPECT_FALSE(boost::filesystem::exists(dir + "/.msg.refd-new"));
         std::string log;
         EXPECT_EQ(daemon.Stop(&log), 0);
-        EXPECT_NE(log.find("quelt-refd: " + dir + ": " + row.answer + "quelt-refd: stopped\n"),
-                  std::string::npos)
-            << log;
+        const std::string verdict = "verdict " + row.answer.substr(0, row.answer.size() - 1) + ", ";
+        EXPECT_NE(log.find(verdict), std::string::npos) << log;
+        EXPECT_EQ(log.substr(log.size() - 21), "\nquelt-refd: stopped\n") << log;
         EXPECT_FALSE(boost::filesystem::exists(SocketPath()));
     }
+}
+
+} // namespace
+
+namespace
+{
+
+// Kept entries go at the start sweep (--keep-hours 0: any age) without a
+// link being followed and only when the daemon's uid owns them; a client
+// that sends nothing does not hold up the next one.
+TEST_F(QueltRefd, SweepsKeptEntriesAndServesPastASilentClient)
+{
+    const std::string msgs = Base() + "msgs/", outside = Base() + "outside";
+    WriteFile(outside, "keep me");
+    boost::filesystem::create_directories(msgs + "kept");
+    boost::filesystem::create_directories(msgs + "foreign");
+    boost::filesystem::create_symlink(outside, msgs + "kept/.msg");
+    boost::filesystem::create_symlink(Base(), msgs + "linkedDir");
+    ASSERT_EQ(::chown((msgs + "foreign").c_str(), 65534, 65534), 0);
+
+    RefDaemon daemon(Base(), {"--keep-hours", "0"});
+    EXPECT_FALSE(boost::filesystem::exists(msgs + "kept"));
+    EXPECT_EQ(ReadFile(outside), "keep me");
+    EXPECT_TRUE(boost::filesystem::exists(msgs + "foreign"));
+    EXPECT_TRUE(boost::filesystem::is_symlink(msgs + "linkedDir"));
+
+    int silent = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, SocketPath().c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(::connect(silent, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    boost::filesystem::create_directories(msgs + "clean");
+    WriteFile(msgs + "clean/.msg", "Subject: hi\n\nbody\n");
+    EXPECT_EQ(Exchange(SocketPath(), "CHECK " + msgs + "clean\n"), "1 clean\n");
+    ::close(silent);
+    std::string log;
+    EXPECT_EQ(daemon.Stop(&log), 0);
+    EXPECT_NE(daemon.startLog.find("removed kept entry " + msgs + "kept (0 h old)\n"),
+              std::string::npos)
+        << daemon.startLog;
+}
+
+} // namespace
+
+namespace
+{
+
+// --check against a daemon that dropped to an account: all well, then a
+// "msgs/" with the wrong mode is named with its fix.
+TEST_F(QueltRefd, CheckFindsTheSetUpWellOrSaysWhatToFix)
+{
+    const std::string msgs = Base() + "msgs";
+    boost::filesystem::create_directories(msgs);
+    ASSERT_EQ(::chown(msgs.c_str(), 0, 65534), 0);
+    ASSERT_EQ(::chmod(msgs.c_str(), 01770), 0);
+    RefDaemon daemon(Base(), {"--user", "nobody"});
+    const std::vector<std::string> check = {QUELT_REFD, "--check", "--basedir",
+                                            Base(),     "--user",  "nobody"};
+
+    std::string out;
+    EXPECT_EQ(ChildProcess(check).Wait(&out), 0) << out;
+    EXPECT_NE(out.find("ok:      round trip: the daemon answered '1 clean'\nall is well\n"),
+              std::string::npos)
+        << out;
+    EXPECT_TRUE(boost::filesystem::is_empty(msgs)) << "the test entry is gone";
+
+    ASSERT_EQ(::chmod(msgs.c_str(), 0777), 0);
+    EXPECT_EQ(ChildProcess(check).Wait(&out), 1);
+    EXPECT_NE(out.find("fix: chown root:nogroup " + msgs + " && chmod 1770 " + msgs + "\n"),
+              std::string::npos)
+        << out;
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // tests/support/RefDaemon.h: the reference daemon quelt-refd running on a
 // base directory for one test, started and ready (it has said that it
-// listens) when the constructor returns, stopped with SIGTERM at the end.
+// listens) when the constructor returns (with what it logged before), stopped with SIGTERM at the
+// end.
 #pragma once
 
 #include <signal.h>
@@ -19,12 +20,16 @@ public:
               std::vector<std::string> runAs = {})
     {
         std::vector<std::string> argv = runAs;
-        argv.insert(argv.end(), {QUELT_REFD, "--basedir", basedir});
+        argv.insert(argv.end(), {QUELT_REFD, "--log-stderr", "--basedir", basedir});
         argv.insert(argv.end(), extraArgs.begin(), extraArgs.end());
         process = std::make_unique<ChildProcess>(argv);
-        std::string said = process->ReadStderrUntil("\n");
-        if (said.find("listening on") == std::string::npos)
-            throw std::runtime_error("quelt-refd did not start: " + said);
+        startLog = process->ReadStderrUntil("\n");
+        while (startLog.find("listening on") == std::string::npos &&
+               startLog.find("not started") == std::string::npos && !startLog.empty() &&
+               startLog.back() == '\n')
+            startLog += process->ReadStderrUntil("\n");
+        if (startLog.find("listening on") == std::string::npos)
+            throw std::runtime_error("quelt-refd did not start: " + startLog);
     }
     ~RefDaemon()
     {
@@ -40,6 +45,9 @@ public:
         process->Signal(SIGTERM);
         return process->Wait(nullptr, log);
     }
+
+    // What the daemon logged up to and with its "listening on" line.
+    std::string startLog;
 
 private:
     std::unique_ptr<ChildProcess> process;

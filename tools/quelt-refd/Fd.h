@@ -1,6 +1,6 @@
-// tools/quelt-refd/Fd.h: the daemon's descriptor owner and write-all loop.
-// The daemon stands alone (it links none of the filter's libraries), so it
-// keeps its own small copies of these two.
+// tools/quelt-refd/Fd.h: the daemon's descriptor owner and write-all loop
+// (for blocking descriptors: files, standard error). The daemon stands alone
+// (it links none of the filter's libraries), so it keeps its own copies.
 #pragma once
 
 #include <cerrno>
@@ -18,6 +18,18 @@ public:
     }
     Fd(const Fd&) = delete;
     Fd& operator=(const Fd&) = delete;
+    // Ownership passes; the source holds nothing after.
+    Fd(Fd&& other) noexcept : fd(other.fd) { other.fd = -1; }
+    Fd& operator=(Fd&& other) noexcept
+    {
+        if (this != &other) {
+            if (fd >= 0)
+                (void)::close(fd); // replaced unused, as in the destructor
+            fd = other.fd;
+            other.fd = -1;
+        }
+        return *this;
+    }
 
     int Get() const { return fd; }
     bool IsValid() const { return fd >= 0; }

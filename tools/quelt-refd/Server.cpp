@@ -1,286 +1,270 @@
-// tools/quelt-refd/Server.cpp: listening, the request line and the answer.
-// Stop signals stay blocked except inside ppoll, so a stop can never slip in
-// between testing the flag and starting to wait.
+// tools/quelt-refd/Server.cpp: a fixed pool of --max-checks threads, each
+// waiting on the one listening socket and a stop pipe, then serving
+// one connection start to end. Threads rather than an event loop because
+// the engines' conversations are short sequences of blocking steps (connect,
+// send, wait for a verdict) that read plainly as such, each bounded by a
+// poll deadline; the pool bounds the checks in flight, and a client that
+// sends nothing holds only its own thread until the request deadline. The
+// main thread waits for the stop signals with sigwait, so no handler runs.
 #include "Server.h"
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <poll.h>
+#include <stdexcept>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
+#include "DaemonLog.h"
+#include "EngineSocket.h"
 #include "Fd.h"
-#include "MessageCheck.h"
+#include "Privileges.h"
+#include "Sweeper.h"
 
 namespace
 {
 
 const char* const SocketName = "quelt.sock";
-const char* const MsgName = "/.msg";
 const char* const RequestVerb = "CHECK ";
 // A request is "CHECK " and a path; longer lines are not requests.
 constexpr std::size_t MaxRequestLine = 8192;
-
-volatile sig_atomic_t stopRequested = 0;
-
-void OnStopSignal(int)
-{
-    stopRequested = 1;
-}
-
-void Say(const std::string& text)
-{
-    std::fprintf(stderr, "quelt-refd: %s\n", text.c_str());
-}
+// The filter sends its request at once and reads the answer at once.
+constexpr int ClientTimeoutSeconds = 10;
 
 std::string SystemText(int error)
 {
     return std::strerror(error);
 }
 
+// Removes a socket that nobody answers on; refuses a path where another
+// daemon answers or that is not a socket.
+void ClaimSocketPath(const EngineAddress& socket)
+{
+    struct stat status;
+    if (::lstat(socket.text.c_str(), &status) != 0) {
+        int error = errno;
+        if (error == ENOENT)
+            return;
+        throw std::domain_error("lstat " + socket.text + " error:" + SystemText(error));
+    }
+    if (!S_ISSOCK(status.st_mode))
+        throw std::invalid_argument(socket.text + " exists and is not a socket; not started");
+    try {
+        (void)ConnectWithDeadline(socket, Clock::now() + std::chrono::seconds(1));
+    } catch (const std::domain_error&) {
+        // Nobody answers: a stale socket of a daemon that died.
+        if (::unlink(socket.text.c_str()) != 0 && errno != ENOENT) {
+            int error = errno;
+            throw std::domain_error("unlink " + socket.text + " error:" + SystemText(error));
+        }
+        return;
+    }
+    throw std::invalid_argument("another daemon answers on " + socket.text + "; not started");
+}
+
 class Server
 {
 public:
-    explicit Server(const DaemonOptions& options)
-        : options(options), socketPath(options.baseDir + SocketName)
+    Server(const ServerSettings& settings, const Checker& checker)
+        : settings(settings), checker(checker),
+          socket(UnixSocketAddress(settings.baseDir + SocketName))
     {
     }
     int Run();
 
 private:
-    bool SetUpSignals();
-    bool ClaimSocketPath();
-    // Waits until fd is readable (true), for at most timeoutMs (-1: no
-    // limit); false on a stop signal, a timeout or a failure.
-    bool WaitReadable(int fd, int timeoutMs);
+    void Listen();
+    void Work();
     void Serve(int client);
-    bool ReadRequest(int client, std::string& dir);
-    std::string Check(const std::string& dir);
+    std::string ReadRequest(int client);
+    // Asks every thread to stop: the pipe stays readable from now on.
+    void RequestStop();
 
-    const DaemonOptions& options;
-    const std::string socketPath;
-    sigset_t waitMask; // the mask outside the daemon's waits: stops unblocked
+    const ServerSettings& settings;
+    const Checker& checker;
+    const EngineAddress socket;
+    Fd listener{-1};
+    Fd stopRead{-1};
+    Fd stopWrite{-1};
+    std::atomic<bool> failed{false};
 };
 
-bool Server::SetUpSignals()
+void Server::Listen()
 {
-    struct sigaction stop;
-    std::memset(&stop, 0, sizeof stop);
-    stop.sa_handler = OnStopSignal; // no SA_RESTART: a stop ends any wait
-    struct sigaction ignore;
-    std::memset(&ignore, 0, sizeof ignore);
-    ignore.sa_handler = SIG_IGN; // a client that left must not kill the daemon
-    sigset_t stops;
-    if (sigemptyset(&stop.sa_mask) != 0 || sigemptyset(&ignore.sa_mask) != 0 ||
-        sigemptyset(&stops) != 0 || sigaddset(&stops, SIGTERM) != 0 ||
-        sigaddset(&stops, SIGINT) != 0 || sigaction(SIGTERM, &stop, nullptr) != 0 ||
-        sigaction(SIGINT, &stop, nullptr) != 0 || sigaction(SIGPIPE, &ignore, nullptr) != 0 ||
-        sigprocmask(SIG_BLOCK, &stops, &waitMask) != 0) {
+    ClaimSocketPath(socket);
+    listener = Fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!listener.IsValid()) {
         int error = errno;
-        Say("can not set up signals: " + SystemText(error));
-        return false;
+        throw std::domain_error("socket error:" + SystemText(error));
     }
-    return sigdelset(&waitMask, SIGTERM) == 0 && sigdelset(&waitMask, SIGINT) == 0;
-}
-
-// Removes a socket that nobody answers on; refuses a path where another
-// daemon answers or that is not a socket.
-bool Server::ClaimSocketPath()
-{
-    struct stat status;
-    if (::lstat(socketPath.c_str(), &status) != 0) {
+    if (::bind(listener.Get(), reinterpret_cast<const sockaddr*>(&socket.address), socket.length) !=
+        0) {
         int error = errno;
-        if (error == ENOENT)
-            return true;
-        Say("can not look at " + socketPath + ": " + SystemText(error));
-        return false;
+        throw std::domain_error("bind " + socket.text + " error:" + SystemText(error));
     }
-    if (!S_ISSOCK(status.st_mode)) {
-        Say(socketPath + " exists and is not a socket; not started");
-        return false;
-    }
-    Fd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!probe.IsValid()) {
+    if (::chmod(socket.text.c_str(), 0660) != 0 || ::listen(listener.Get(), 64) != 0) {
         int error = errno;
-        Say("can not create a socket: " + SystemText(error));
-        return false;
+        (void)::unlink(socket.text.c_str()); // ours, and useless unlistened
+        throw std::domain_error("listen on " + socket.text + " error:" + SystemText(error));
     }
-    sockaddr_un address;
-    std::memset(&address, 0, sizeof address);
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
-    if (::connect(probe.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-        Say("another daemon answers on " + socketPath + "; not started");
-        return false;
-    }
-    int error = errno;
-    if (error != ECONNREFUSED) {
-        Say("can not probe " + socketPath + ": " + SystemText(error) + "; not started");
-        return false;
-    }
-    if (::unlink(socketPath.c_str()) != 0 && errno != ENOENT) {
-        error = errno;
-        Say("can not remove stale socket " + socketPath + ": " + SystemText(error));
-        return false;
-    }
-    return true;
 }
 
 int Server::Run()
 {
-    sockaddr_un address;
-    std::memset(&address, 0, sizeof address);
-    address.sun_family = AF_UNIX;
-    if (socketPath.size() >= sizeof address.sun_path) {
-        Say("socket path too long: " + socketPath);
-        return 1;
+    // Stop signals stay blocked in every thread; the main thread takes them
+    // with sigwait. A client that left must not kill the daemon: SIGPIPE
+    // is ignored (sends also say MSG_NOSIGNAL).
+    sigset_t stops;
+    sigemptyset(&stops);
+    sigaddset(&stops, SIGTERM);
+    sigaddset(&stops, SIGINT);
+    if (::pthread_sigmask(SIG_BLOCK, &stops, nullptr) != 0 || ::signal(SIGPIPE, SIG_IGN) == SIG_ERR)
+        throw std::domain_error("can not set up signals");
+    int pipeEnds[2];
+    if (::pipe2(pipeEnds, O_CLOEXEC) != 0) {
+        int error = errno;
+        throw std::domain_error("pipe error:" + SystemText(error));
     }
-    std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
-    if (!SetUpSignals() || !ClaimSocketPath())
-        return 1;
+    stopRead = Fd(pipeEnds[0]);
+    stopWrite = Fd(pipeEnds[1]);
 
-    Fd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!listener.IsValid()) {
-        int error = errno;
-        Say("can not create a socket: " + SystemText(error));
-        return 1;
-    }
-    if (::bind(listener.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        int error = errno;
-        Say("can not bind " + socketPath + ": " + SystemText(error));
-        return 1;
-    }
-    if (::listen(listener.Get(), 16) != 0) {
-        int error = errno;
-        (void)::unlink(socketPath.c_str()); // ours, and useless unlistened
-        Say("can not listen on " + socketPath + ": " + SystemText(error));
-        return 1;
-    }
-    Say("listening on " + socketPath);
+    Listen();
+    DropPrivileges(settings.user, socket.text);
+    const std::string msgsDir = settings.baseDir + "msgs";
+    SweepKeptEntries(msgsDir, settings.keepHours);
 
-    int status = 0;
-    while (WaitReadable(listener.Get(), -1)) {
-        Fd client(::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+    std::vector<std::thread> threads;
+    threads.emplace_back(RunSweeper, msgsDir, settings.keepHours, stopRead.Get());
+    for (int i = 0; i < settings.maxChecks; ++i)
+        threads.emplace_back(&Server::Work, this);
+    Say(LOG_INFO, "listening on " + socket.text);
+    if (settings.user.empty() && ::geteuid() == 0)
+        Say(LOG_WARNING, "running as root: give --user to check mail as an account");
+
+    int signal = 0;
+    while (::sigwait(&stops, &signal) != 0) {
+    }
+    RequestStop();
+    for (std::thread& thread : threads)
+        thread.join();
+    listener = Fd(-1);
+    if (::unlink(socket.text.c_str()) != 0) {
+        // After dropping root the base directory may not be ours to write:
+        // the stale socket is harmless, the next start removes it.
+        int error = errno;
+        Say(LOG_WARNING, "can not remove " + socket.text + ": " + SystemText(error));
+    }
+    Say(LOG_INFO, failed ? "stopped after a failure" : "stopped");
+    return failed ? 1 : 0;
+}
+
+void Server::RequestStop()
+{
+    const char byte = 0;
+    (void)WriteAll(stopWrite.Get(), &byte, 1); // one byte in an empty pipe cannot fail
+}
+
+void Server::Work()
+{
+    // Each thread waits on its own epoll set; EPOLLEXCLUSIVE wakes one
+    // waiting thread per new connection instead of the whole pool.
+    Fd poller(::epoll_create1(EPOLL_CLOEXEC));
+    epoll_event onListener = {EPOLLIN | EPOLLEXCLUSIVE, {}};
+    onListener.data.fd = listener.Get();
+    epoll_event onStop = {EPOLLIN, {}};
+    onStop.data.fd = stopRead.Get();
+    if (!poller.IsValid() ||
+        ::epoll_ctl(poller.Get(), EPOLL_CTL_ADD, listener.Get(), &onListener) != 0 ||
+        ::epoll_ctl(poller.Get(), EPOLL_CTL_ADD, stopRead.Get(), &onStop) != 0) {
+        int error = errno;
+        Say(LOG_ERR, "epoll error:" + SystemText(error));
+        failed = true;
+        (void)::kill(::getpid(), SIGTERM); // the main thread stops the rest
+        return;
+    }
+    for (;;) {
+        epoll_event ready[2];
+        int count = ::epoll_wait(poller.Get(), ready, 2, -1);
+        if (count < 0 && errno == EINTR)
+            continue;
+        bool stop = count < 0;
+        for (int i = 0; i < count; ++i)
+            stop = stop || ready[i].data.fd == stopRead.Get();
+        if (stop) {
+            if (count < 0) {
+                int error = errno;
+                Say(LOG_ERR, "epoll_wait error:" + SystemText(error));
+                failed = true;
+                (void)::kill(::getpid(), SIGTERM);
+            }
+            return;
+        }
+        Fd client(::accept4(listener.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (client.IsValid()) {
             Serve(client.Get());
             continue;
         }
         int error = errno;
-        if (error != EINTR && error != ECONNABORTED && error != EAGAIN) {
-            Say("can not accept on " + socketPath + ": " + SystemText(error));
-            status = 1;
-            break;
-        }
+        // Another thread took it, or the client left before we did.
+        if (error == EAGAIN || error == EINTR || error == ECONNABORTED)
+            continue;
+        Say(LOG_ERR, "accept on " + socket.text + " error:" + SystemText(error));
+        failed = true;
+        (void)::kill(::getpid(), SIGTERM);
+        return;
     }
-    if (!stopRequested && status == 0)
-        status = 1; // the wait failed; WaitReadable has said why
-    if (::unlink(socketPath.c_str()) != 0) {
-        int error = errno;
-        Say("can not remove " + socketPath + ": " + SystemText(error));
-        status = 1;
-    }
-    Say(status == 0 ? "stopped" : "stopped after a failure");
-    return status;
 }
 
-bool Server::WaitReadable(int fd, int timeoutMs)
+std::string Server::ReadRequest(int client)
 {
-    timespec limit = {timeoutMs / 1000, (timeoutMs % 1000) * 1000000L};
-    pollfd ready = {fd, POLLIN, 0};
-    while (!stopRequested) {
-        int count = ::ppoll(&ready, fd >= 0 ? 1 : 0, timeoutMs >= 0 ? &limit : nullptr, &waitMask);
-        if (count > 0)
-            return true;
-        if (count == 0)
-            return false;
-        int error = errno;
-        if (error != EINTR) {
-            Say("can not wait: " + SystemText(error));
-            return false;
-        }
-    }
-    return false;
-}
-
-bool Server::ReadRequest(int client, std::string& dir)
-{
+    const Deadline deadline = Clock::now() + std::chrono::seconds(ClientTimeoutSeconds);
     std::string line;
     char block[512];
     while (line.find('\n') == std::string::npos) {
-        if (line.size() > MaxRequestLine || !WaitReadable(client, -1))
-            return false;
-        ssize_t count = ::read(client, block, sizeof block);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return false;
-        line.append(block, static_cast<std::size_t>(count));
+        if (line.size() > MaxRequestLine)
+            throw std::logic_error("request line too long");
+        std::size_t count = ReceiveSome(client, block, sizeof block, deadline);
+        if (count == 0)
+            throw std::logic_error("no request line");
+        line.append(block, count);
     }
     line.erase(line.find('\n'));
     const std::size_t verbLength = std::strlen(RequestVerb);
     if (line.compare(0, verbLength, RequestVerb) != 0 || line.size() == verbLength)
-        return false;
-    dir = line.substr(verbLength);
-    return true;
-}
-
-// The answer line for an entry, without its line end.
-std::string Server::Check(const std::string& dir)
-{
-    if (options.fixedVerdict)
-        return std::to_string(options.verdict) + (options.note.empty() ? "" : " " + options.note);
-    const std::string msgPath = dir + MsgName;
-    auto answer = [&](uint32_t flags, const char* note) {
-        return std::to_string(flags) + " " + (options.note.empty() ? note : options.note);
-    };
-    bool infected = false;
-    std::string reason;
-    if (!ContainsTestString(msgPath, infected, reason))
-        return "32 " + reason;
-    if (infected)
-        return answer(2, "infected: EICAR-Test-File");
-    if (options.addHeader.empty())
-        return answer(1, "clean");
-    if (!InsertHeaderLine(msgPath, options.addHeader, reason))
-        return "32 " + reason;
-    return answer(0x201, "clean");
+        throw std::logic_error("not a request: '" + line.substr(0, 100) + "'");
+    return line.substr(verbLength);
 }
 
 void Server::Serve(int client)
 {
-    std::string dir;
-    if (!ReadRequest(client, dir)) {
-        if (!stopRequested)
-            Say("no request line; connection closed without an answer");
-        return;
-    }
-    if (options.delayMs > 0 && !WaitReadable(-1, options.delayMs) && stopRequested)
-        return;
-    const std::string answer = Check(dir);
-    const std::string line = answer + "\n";
-    std::size_t done = 0;
-    while (done < line.size()) {
-        ssize_t count = ::send(client, line.data() + done, line.size() - done, MSG_NOSIGNAL);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0) {
-            int error = errno;
-            Say(dir + ": can not answer: " + SystemText(error));
-            return;
+    // The connection's driver: a client that sends no request or does not
+    // take its answer is logged and dropped; the daemon serves on.
+    try {
+        const std::string dir = ReadRequest(client);
+        if (settings.delayMs > 0) {
+            pollfd stop = {stopRead.Get(), POLLIN, 0};
+            (void)::poll(&stop, 1, settings.delayMs); // cut short by a stop; a test knob only
         }
-        done += static_cast<std::size_t>(count);
+        const std::string line = checker.Check(dir) + "\n";
+        const Deadline deadline = Clock::now() + std::chrono::seconds(ClientTimeoutSeconds);
+        if (!SendAll(client, line.data(), line.size(), deadline))
+            throw std::domain_error(dir + ": the filter left before the answer");
+    } catch (const std::exception& failure) {
+        Say(LOG_WARNING, std::string("connection closed without an answer: ") + failure.what());
     }
-    Say(dir + ": " + answer);
 }
 
 } // namespace
 
-int RunServer(const DaemonOptions& options)
+int RunServer(const ServerSettings& settings, const Checker& checker)
 {
-    Server server(options);
+    Server server(settings, checker);
     return server.Run();
 }

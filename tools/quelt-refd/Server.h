@@ -1,20 +1,21 @@
-// tools/quelt-refd/Server.h: the reference daemon's socket side: claims
-// "quelt.sock" under the base directory, answers one connection at a time and
-// stops cleanly on SIGTERM or SIGINT. Problems go to standard error.
+// tools/quelt-refd/Server.h: the daemon's service: claims "quelt.sock" under
+// the base directory, drops to the account, sweeps kept entries, serves
+// checks with a fixed pool of threads and stops cleanly on SIGTERM or SIGINT
+// (no new connections; checks in flight are answered; the socket is
+// removed). Failures to start throw; the caller logs them.
 #pragma once
 
-#include <cstdint>
 #include <string>
 
-struct DaemonOptions {
-    std::string baseDir;   // ends with "/"
-    std::string addHeader; // empty: leave ".msg" alone
-    bool fixedVerdict = false;
-    uint32_t verdict = 0;
-    std::string note; // empty: the check's own note (none with --verdict)
-    int delayMs = 0;
+#include "Checker.h"
+
+struct ServerSettings {
+    std::string baseDir; // ends with "/"
+    std::string user;    // empty: stay who we are
+    int maxChecks = 16;  // connections served at once
+    int keepHours = 72;  // kept entries older than this are removed
+    int delayMs = 0;     // wait before each answer (tests)
 };
 
-// Runs the daemon until a stop signal; returns the exit status: 0 after a
-// clean stop, 1 when it could not start (another daemon answers, no socket).
-int RunServer(const DaemonOptions& options);
+// Serves until a stop signal; returns the exit status (0 after a clean stop).
+int RunServer(const ServerSettings& settings, const Checker& checker);
