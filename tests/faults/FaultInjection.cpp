@@ -112,7 +112,7 @@ bool Fire(const char* family, const char* function, const Site& site, void* call
     ParsePlan();
     const bool counted = plan.error != 0 && std::strcmp(plan.family, family) == 0;
     const bool fire = counted && ++plan.seen == plan.nth;
-    if (plan.trace != nullptr)
+    if (plan.trace != nullptr && *plan.trace != '\0')
         AppendLine(plan.trace, family, counted ? plan.seen : 0, fire ? plan.errorName : "-",
                    function, site, caller);
     if (fire && plan.marker != nullptr)

@@ -18,6 +18,7 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -205,20 +206,16 @@ protected:
         return Args(extra);
     }
 
+    // This environment with the fault library preloaded and its plan.
     std::vector<std::string> Environment(const std::string& fault, bool trace) const
     {
-        std::vector<std::string> env;
-        for (char** entry = environ; *entry != nullptr; ++entry) {
-            const std::string text = *entry;
-            if (text.rfind("LD_PRELOAD=", 0) != 0 && text.rfind("VOREX_FAULT", 0) != 0)
-                env.push_back(text);
-        }
-        env.push_back(std::string("LD_PRELOAD=") + VOREX_FAULT_LIBRARY);
-        env.push_back("VOREX_FAULT_MARKER=" + markerPath);
-        if (!fault.empty())
-            env.push_back("VOREX_FAULT=" + fault);
-        if (trace)
-            env.push_back("VOREX_FAULT_TRACE=" + tracePath);
+        std::vector<std::string> env = {std::string("LD_PRELOAD=") + VOREX_FAULT_LIBRARY,
+                                        "VOREX_FAULT_MARKER=" + markerPath, "VOREX_FAULT=" + fault,
+                                        "VOREX_FAULT_TRACE=" + (trace ? tracePath : "")};
+        for (char** entry = environ; *entry != nullptr; ++entry)
+            if (std::strncmp(*entry, "LD_PRELOAD=", 11) != 0 &&
+                std::strncmp(*entry, "VOREX_FAULT", 11) != 0)
+                env.push_back(*entry);
         return env;
     }
 
