@@ -33,9 +33,10 @@ const std::string M = "From: Alice <alice@example.org>\nTo: bob@example.net\nSub
                       "Hello Bob.\n";
 const std::string S = E + M;
 const std::string Oops = " Internal error\n";
-// The played daemon's answer that means nobody listens, and the .msg
-// rewrites it may make before answering.
-const std::string NoDaemon = "", Keep = "\1keep", Missing = "\1missing";
+// The played daemon's answer that means nobody listens, and what it may do
+// to the entry before answering besides writing .msg anew.
+const std::string NoDaemon = "", Keep = "\1keep", Missing = "\1missing", Nested = "\1nested",
+                  TooDeep = "\1deep";
 
 struct Expect {
     std::string out, err;
@@ -70,6 +71,14 @@ struct Row {
     std::string input = "{spool}\n";
 };
 
+// Two levels deeper than the withdrawal walks.
+const std::string Deep = "/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d";
+
+bool Rewrites(const Row& row)
+{
+    return row.copy.rfind('\1', 0) != 0;
+}
+
 std::vector<Row> Rows()
 {
     const std::string noUser = "fail to find uid/gid for user nobody-here. getpwnam error";
@@ -82,13 +91,18 @@ std::vector<Row> Rows()
     return {
         {"pass", "", "1 clean\n", S, Replied(PassLine + " clean")},
         {"daemonError", "", "33\n", S, Failed("error in vorex-quelt")},
+        // The withdrawn entry goes with whatever the daemon made in it.
+        {"daemonErrorWithATree", "", "33\n", S, Failed("error in vorex-quelt"), 0, "", Nested},
+        // Deeper than the walk goes: the entry stays, though withdrawn.
+        {"daemonErrorWithATooDeepTree", "", "33\n", S, Failed("error in vorex-quelt"), 1, "",
+         TooDeep},
         {"daemonErrorBeatsTakenOver", "", "96\n", S, Failed("error in vorex-quelt")},
         {"takenOverIsDiscard", "", "65 mine\n", S, Replied(DiscardLine + " mine"), 1},
         {"envelopeChangedOnPass", "", "1025\n", S,
          Failed("Envelope changed: can not update this thing!")},
         {"envelopeChangedOnReject", "", "1026\n", S, Replied(RejectLine), 1},
         {"tempfail", "", "4\n", S, Replied(TempfailLine), 1},
-        {"discard", "", "8\n", S, Replied(DiscardLine), 1},
+        {"discardLoggingWarningsOnly", "--level warn", "8\n", S, Replied(DiscardLine), 1},
         {"noVerdictBitPasses", "", "0\n", S, Replied(PassLine), 1},
         {"emptyMessagePart", "", "2\n", E, Replied(RejectLine), 1},
         {"wrongHashGoesToTheDaemon", "--hash s3cret", "2\n", E + "X-Vorex-Hash: guess\n" + M,
@@ -183,8 +197,9 @@ TEST_F(FilterRun, EachJobAnswersAndLeavesItsFiles)
         fs::create_directories(work);
         WriteFile(spool, row.spool);
         entry.clear();
-        std::vector<std::string> args = {"--level", "debug"};
-        std::istringstream words(Fill(row.args));
+        std::vector<std::string> args;
+        const bool levelGiven = row.args.find("--level") != std::string::npos;
+        std::istringstream words(Fill((levelGiven ? "" : "--level debug ") + row.args));
         for (std::string word; words >> word;)
             args.push_back(word);
         RunResult run;
@@ -194,9 +209,13 @@ TEST_F(FilterRun, EachJobAnswersAndLeavesItsFiles)
                 daemon = std::make_unique<PlayedDaemon>(
                     basedir + "quelt.sock", [&](const std::string& request) {
                         entry = request.substr(6, request.size() - 7);
-                        if (row.copy == Missing)
+                        const std::string tree = row.copy == Nested ? "/a/b/c" : Deep;
+                        if ((row.copy == Nested || row.copy == TooDeep) &&
+                            fs::create_directories(entry + tree))
+                            WriteFile(entry + tree + "/d", "planted");
+                        else if (row.copy == Missing)
                             fs::remove(entry + "/.msg");
-                        else if (row.copy != Keep)
+                        else if (Rewrites(row))
                             WriteFile(entry + "/.msg", row.copy);
                         return row.answer;
                     });
@@ -208,9 +227,9 @@ TEST_F(FilterRun, EachJobAnswersAndLeavesItsFiles)
         EXPECT_TRUE(ReadFile(spool) == (row.after.empty() ? row.spool : row.after)) << "spool";
         EXPECT_TRUE(fs::is_empty(work)) << "something was made in the working directory";
         ASSERT_EQ(EntryCount(), row.entries);
-        if (row.entries > 0)
+        if (row.entries > 0 && row.copy == Keep)
             ExpectEntryFiles(row, *fs::directory_iterator(basedir + "msgs"));
-        if (row.copy != Keep && row.copy != Missing) {
+        if (Rewrites(row)) {
             EXPECT_NE(ReadFile(basedir + "zmailer.log")
                           .find("orig_size = " + std::to_string(M.size()) +
                                 " st.st_size=" + std::to_string(row.copy.size()) +

@@ -96,18 +96,23 @@ TEST_F(DaemonConversation, RefusalsAndAForgottenNote)
     EXPECT_EQ(receiver->ProcessMsg(entry.Get(), 0, 0, 0, 0), VerdictDaemonError);
     EXPECT_STREQ(entry->GetReplyText(), "");
     RefHolder<Receiver> idle(CreateReceiver());
+    EXPECT_EQ(idle->CreateMsgEntry(), nullptr);
     EXPECT_EQ(idle->ProcessMsg(entry.Get(), 0, 0, 0, 0), VerdictDaemonError);
     EXPECT_EQ(receiver->ProcessMsg(nullptr, 0, 0, 0, 0), VerdictDaemonError);
 
-    const std::string deep = temp / std::string(120, 'd');
-    ASSERT_EQ(::mkdir(deep.c_str(), 0700), 0);
-    LogCapture log;
-    RefHolder<Receiver> far(CreateReceiver());
-    ASSERT_TRUE(far->Init((deep + "/").c_str(), "", ReceiverInitFlags, 10, 1, 0, 0, 0, 0, 0));
-    RefHolder<MsgEntry> farEntry(far->CreateMsgEntry());
-    EXPECT_EQ(far->ProcessMsg(farEntry.Get(), 0, 0, 0, 0), VerdictDaemonError);
-    EXPECT_EQ(LinesWith(log, "ERROR", "daemon socket path too long: " + deep).size(), 1u)
-        << log.Text();
+    // A request line can carry neither a socket path too long nor a line end.
+    for (const std::string& name : {std::string(120, 'd'), std::string("line\nend")}) {
+        const std::string dir = temp / name;
+        ASSERT_EQ(::mkdir(dir.c_str(), 0700), 0);
+        LogCapture log;
+        RefHolder<Receiver> odd(CreateReceiver());
+        ASSERT_TRUE(odd->Init((dir + "/").c_str(), "", ReceiverInitFlags, 10, 1, 0, 0, 0, 0, 0));
+        RefHolder<MsgEntry> oddEntry(odd->CreateMsgEntry());
+        EXPECT_EQ(odd->ProcessMsg(oddEntry.Get(), 0, 0, 0, 0), VerdictDaemonError);
+        const std::string cause = name.size() > 100 ? "daemon socket path too long: " + dir
+                                                    : "with a line end can not be sent to daemon";
+        EXPECT_EQ(LinesWith(log, "ERROR", cause).size(), 1u) << log.Text();
+    }
 }
 
 } // namespace
