@@ -27,6 +27,11 @@ std::string DataOf(const ActionsParser::OlValue& category)
 
 const std::string NoData = "redirect='' header=''/'' score=0";
 
+template <class... Text> std::vector<std::string> Items(Text... items)
+{
+    return {items...};
+}
+
 // Items as the value of a fresh ProcessingErrors instance (one item is what
 // --error-action gives): whether Parse accepts them, then object 0's list,
 // every captured line, the category's data.
@@ -67,90 +72,70 @@ TEST(ActionsParser, ItemListsAcceptedAndRefused)
     const struct {
         const char* name;
         std::vector<std::string> items;
-        ParseResult expected;
+        bool accepted;
+        std::string list, log, data;
     } rows[] = {
-        {"error action in any case", {"TempFail"}, {true, "tempfail", "", NoData}},
-        {"additional action first",
-         {"quarantine"},
-         {false, "", "ERROR conf - Find wrong value 'quarantine" + waitTail, NoData}},
-        {"additional with data first",
-         {"redirect(x)"},
-         {false, "",
-          "DEBUG conf - catch redirect address =x for param redirect\n"
-          "ERROR conf - Find wrong value 'redirect(x)" +
-              waitTail,
-          "redirect='x' header=''/'' score=0"}},
-        {"missing close bracket",
-         {"notify("},
-         {false, "",
-          badValue + "notify(' for param 'ProcessingErrors': couldn't find close bracket\n",
-          NoData}},
-        {"brackets reversed",
-         {"score)1("},
-         {false, "",
-          badValue + "score)1(' for param 'ProcessingErrors': discrepancy between the brackets\n",
-          NoData}},
-        {"valid action with data",
-         {"reject(x)"},
-         {false, "", "ERROR conf - Unrecognize value 'reject(x)' for param ProcessingErrors\n",
-          NoData}},
-        {"empty item", {""}, {false, "", "ERROR conf - Find wrong value '" + waitTail, NoData}},
+        {"error action in any case", Items("TempFail"), true, "tempfail", "", NoData},
+        {"additional action first", Items("quarantine"), false, "",
+         "ERROR conf - Find wrong value 'quarantine" + waitTail, NoData},
+        {"additional with data first", Items("redirect(x)"), false, "",
+         "DEBUG conf - catch redirect address =x for param redirect\n"
+         "ERROR conf - Find wrong value 'redirect(x)" +
+             waitTail,
+         "redirect='x' header=''/'' score=0"},
+        {"missing close bracket", Items("notify("), false, "",
+         badValue + "notify(' for param 'ProcessingErrors': couldn't find close bracket\n", NoData},
+        {"brackets reversed", Items("score)1("), false, "",
+         badValue + "score)1(' for param 'ProcessingErrors': discrepancy between the brackets\n",
+         NoData},
+        {"valid action with data", Items("reject(x)"), false, "",
+         "ERROR conf - Unrecognize value 'reject(x)' for param ProcessingErrors\n", NoData},
+        {"empty item", Items(""), false, "", "ERROR conf - Find wrong value '" + waitTail, NoData},
         {"header name trimmed, value and later colons kept",
-         {"reject", "quarantine", "redirect", "add-header( X-A : b:c)"},
-         {true, "reject | quarantine | redirect | add-header",
-          "DEBUG conf - catch add header ='X-A:  b:c' for param add-header\n",
-          "redirect='' header='X-A'/' b:c' score=0"}},
-        {"header without colon",
-         {"reject", "add-header( plain text )"},
-         {true, "reject | add-header",
-          "DEBUG conf - catch add header =': plain text' for param add-header\n",
-          "redirect='' header=''/'plain text' score=0"}},
-        {"redirect with data, any case",
-         {"tempfail", "Redirect( a@b.example )"},
-         {true, "redirect | tempfail",
-          "DEBUG conf - catch redirect address =a@b.example for param redirect\n",
-          "redirect='a@b.example' header=''/'' score=0"}},
+         Items("reject", "quarantine", "redirect", "add-header( X-A : b:c)"), true,
+         "reject | quarantine | redirect | add-header",
+         "DEBUG conf - catch add header ='X-A:  b:c' for param add-header\n",
+         "redirect='' header='X-A'/' b:c' score=0"},
+        {"header without colon", Items("reject", "add-header( plain text )"), true,
+         "reject | add-header",
+         "DEBUG conf - catch add header =': plain text' for param add-header\n",
+         "redirect='' header=''/'plain text' score=0"},
+        {"redirect with data, any case", Items("tempfail", "Redirect( a@b.example )"), true,
+         "redirect | tempfail",
+         "DEBUG conf - catch redirect address =a@b.example for param redirect\n",
+         "redirect='a@b.example' header=''/'' score=0"},
         {"later data overwrites, repeat added once",
-         {"reject", "redirect(one)", "redirect(two)"},
-         {true, "reject | redirect",
-          "DEBUG conf - catch redirect address =one for param redirect\n"
-          "DEBUG conf - catch redirect address =two for param redirect\n",
-          "redirect='two' header=''/'' score=0"}},
+         Items("reject", "redirect(one)", "redirect(two)"), true, "reject | redirect",
+         "DEBUG conf - catch redirect address =one for param redirect\n"
+         "DEBUG conf - catch redirect address =two for param redirect\n",
+         "redirect='two' header=''/'' score=0"},
         {"score with blanks, sign and text after the bracket",
-         {"reject", "score( -5 ) trailing"},
-         {true, "reject | score", "", "redirect='' header=''/'' score=-5"}},
-        {"score without data",
-         {"reject", "score"},
-         {false, "reject",
-          "ERROR conf - Can't find additional data in '()' for value 'score" + additionalTail,
-          NoData}},
-        {"score empty",
-         {"reject", "score()"},
-         {false, "reject", "ERROR conf - Invalid score value: \n", NoData}},
-        {"score not a number",
-         {"reject", "score(1 2)"},
-         {false, "reject", "ERROR conf - Invalid score value: 1 2\n", NoData}},
-        {"score overflow",
-         {"reject", "score(2147483648)"},
-         {false, "reject", "ERROR conf - Invalid score value: 2147483648\n", NoData}},
-        {"main action second",
-         {"reject", "pass"},
-         {false, "reject", "ERROR conf - Find wrong value 'pass" + additionalTail, NoData}},
-        {"stops at first fault",
-         {"reject", "score(1)", "pass", "redirect(x)"},
-         {false, "reject | score", "ERROR conf - Find wrong value 'pass" + additionalTail,
-          "redirect='' header=''/'' score=1"}},
-        {"no items",
-         {},
-         {false, "", "ERROR conf - Wrong empty value in ProcessingErrors param\n", NoData}},
+         Items("reject", "score( -5 ) trailing"), true, "reject | score", "",
+         "redirect='' header=''/'' score=-5"},
+        {"score without data", Items("reject", "score"), false, "reject",
+         "ERROR conf - Can't find additional data in '()' for value 'score" + additionalTail,
+         NoData},
+        {"score empty", Items("reject", "score()"), false, "reject",
+         "ERROR conf - Invalid score value: \n", NoData},
+        {"score not a number", Items("reject", "score(1 2)"), false, "reject",
+         "ERROR conf - Invalid score value: 1 2\n", NoData},
+        {"score overflow", Items("reject", "score(2147483648)"), false, "reject",
+         "ERROR conf - Invalid score value: 2147483648\n", NoData},
+        {"main action second", Items("reject", "pass"), false, "reject",
+         "ERROR conf - Find wrong value 'pass" + additionalTail, NoData},
+        {"stops at first fault", Items("reject", "score(1)", "pass", "redirect(x)"), false,
+         "reject | score", "ERROR conf - Find wrong value 'pass" + additionalTail,
+         "redirect='' header=''/'' score=1"},
+        {"no items", Items(), false, "",
+         "ERROR conf - Wrong empty value in ProcessingErrors param\n", NoData},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         const ParseResult result = ParseProcessingErrors(row.items);
-        EXPECT_EQ(result.accepted, row.expected.accepted);
-        EXPECT_EQ(result.list, row.expected.list);
-        EXPECT_EQ(result.log, row.expected.log);
-        EXPECT_EQ(result.data, row.expected.data);
+        EXPECT_EQ(result.accepted, row.accepted);
+        EXPECT_EQ(result.list, row.list);
+        EXPECT_EQ(result.log, row.log);
+        EXPECT_EQ(result.data, row.data);
     }
 }
 

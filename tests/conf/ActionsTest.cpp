@@ -62,17 +62,4 @@ TEST(ActionLists, KeepAscendingCodesOnceAndPrintJoined)
     }
 }
 
-TEST(ActionLists, InsertSaysWhetherItAddedAndClearEmpties)
-{
-    QueltActions list{QueltAction::Reject, QueltAction::Pass};
-    EXPECT_FALSE(list.Insert(QueltAction::Pass));
-    EXPECT_TRUE(list.Insert(QueltAction::Score));
-    EXPECT_EQ(list.GetNames(), (std::vector<std::string>{"pass", "reject", "score"}));
-    EXPECT_FALSE(list.Contains(QueltAction::NoAction));
-    list.Clear();
-    EXPECT_TRUE(list.Empty());
-    EXPECT_TRUE(list.GetNames().empty());
-    EXPECT_FALSE(list.Contains(QueltAction::Pass));
-}
-
 } // namespace

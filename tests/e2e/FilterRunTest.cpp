@@ -1,8 +1,13 @@
-// The real vorex-zmailer binary as ZMailer runs it: the conversation on its
-// standard output, its standard error and exit status, the spool files and
-// the base directory afterwards.
-#include <algorithm>
+// The real vorex-zmailer binary as ZMailer runs it, against a daemon played by
+// the test: for each verdict, write-back and failure, the bytes on standard
+// output and error, the exit status, the spool file afterwards and the entry
+// left behind (its files, modes and owner); then the conversation with the
+// real daemon, the log lines, --help.
+#include <sys/stat.h>
+
 #include <cctype>
+#include <memory>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -11,94 +16,275 @@
 #include <gtest/gtest.h>
 
 #include "support/FilterSandbox.h"
+#include "support/PlayedDaemon.h"
 #include "support/RefDaemon.h"
+#include "support/SpoolStream.h"
 
 namespace
 {
 
 namespace fs = boost::filesystem;
 
-const std::string cleanSpool = "external\n"
-                               "from <alice@example.org>\n"
-                               "to <bob@example.net>\n"
-                               "env-end\n"
-                               "From: Alice <alice@example.org>\n"
-                               "To: bob@example.net\n"
-                               "Subject: hello\n"
-                               "\n"
-                               "Hello Bob.\n";
+const std::string E = "external\nrcvdfrom mx.example.org (mx.example.org [192.0.2.1]:4000)\n"
+                      "with ESMTP\nfrom <alice@example.org>\n"
+                      "todsn NOTIFY=FAILURE ORCPT=rfc822;bob@example.net\nto <bob@example.net>\n"
+                      "env-end\n";
+const std::string M = "From: Alice <alice@example.org>\nTo: bob@example.net\nSubject: test\n\n"
+                      "Hello Bob.\n";
+const std::string S = E + M;
+const std::string Oops = " Internal error\n";
+// The played daemon's answer that means nobody listens, and what it may do
+// to the entry before answering besides writing .msg anew.
+const std::string NoDaemon = "", Keep = "\1keep", Missing = "\1missing", Nested = "\1nested",
+                  TooDeep = "\1deep";
+
+struct Expect {
+    std::string out, err;
+    int status;
+};
+Expect Ran(const std::string& out, const std::string& err = "", int status = 0)
+{
+    return {out, err, status};
+}
+Expect Replied(const std::string& line)
+{
+    return Ran(Hungry + line + "\n" + Hungry);
+}
+Expect Refused(const std::string& line, const std::string& cause, const std::string& before = "")
+{
+    return Ran(before + line + Oops, "error: " + cause + "\n", 1);
+}
+Expect Failed(const std::string& cause, const std::string& before = Hungry)
+{
+    return Refused(RejectLine, cause, before);
+}
+
+struct Row {
+    const char* name;
+    std::string args; // split at blanks; "{spool}", "{root}", "{entry}" are filled in
+    std::string answer;
+    std::string spool;
+    Expect expect;
+    std::size_t entries = 0;
+    std::string after = ""; // the spool file afterwards; empty: unchanged
+    std::string copy = Keep;
+    std::string input = "{spool}\n";
+};
+
+// Two levels deeper than the withdrawal walks.
+const std::string Deep = "/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d/d";
+
+bool Rewrites(const Row& row)
+{
+    return row.copy.rfind('\1', 0) != 0;
+}
+
+std::vector<Row> Rows()
+{
+    const std::string noUser = "fail to find uid/gid for user nobody-here. getpwnam error";
+    const std::string router = "--file {spool} --hash s3cret", hash = "X-Vorex-Hash: s3cret\n";
+    const std::string same = "From: Alice <alice@example.org>\nTo: bob@example.net\nSubject: TEST\n"
+                             "\nHello BOB.\n";
+    const std::string larger = "X-Checked: yes\n" + M + Pattern((1 << 20) + 5, 9);
+    const std::string longLine(5000, 'x'), hostile = "$(touch x); `touch x` | touch x %n%s%n%x%x";
+    const std::string noFile = " for read/write:No such file or directory";
+    return {
+        {"pass", "", "1 clean\n", S, Replied(PassLine + " clean")},
+        {"daemonError", "", "33\n", S, Failed("error in vorex-quelt")},
+        // The withdrawn entry goes with whatever the daemon made in it.
+        {"daemonErrorWithATree", "", "33\n", S, Failed("error in vorex-quelt"), 0, "", Nested},
+        // Deeper than the walk goes: the entry stays, though withdrawn.
+        {"daemonErrorWithATooDeepTree", "", "33\n", S, Failed("error in vorex-quelt"), 1, "",
+         TooDeep},
+        {"daemonErrorBeatsTakenOver", "", "96\n", S, Failed("error in vorex-quelt")},
+        {"takenOverIsDiscard", "", "65 mine\n", S, Replied(DiscardLine + " mine"), 1},
+        {"envelopeChangedOnPass", "", "1025\n", S,
+         Failed("Envelope changed: can not update this thing!")},
+        {"envelopeChangedOnReject", "", "1026\n", S, Replied(RejectLine), 1},
+        {"tempfail", "", "4\n", S, Replied(TempfailLine), 1},
+        {"discardLoggingWarningsOnly", "--level warn", "8\n", S, Replied(DiscardLine), 1},
+        {"noVerdictBitPasses", "", "0\n", S, Replied(PassLine), 1},
+        {"emptyMessagePart", "", "2\n", E, Replied(RejectLine), 1},
+        {"wrongHashGoesToTheDaemon", "--hash s3cret", "2\n", E + "X-Vorex-Hash: guess\n" + M,
+         Replied(RejectLine), 1},
+        {"entryToTheDaemonsAccount", "--user nobody", "2 x\n", S, Replied(RejectLine + " x"), 1},
+        {"noRecipient", "", "1\n", "from <a@x>\nenv-end\nSubject: x\n\nbody\n",
+         Failed("can not find rcpt(s) in envelope and msg")},
+        {"writeBackUnchanged", "", "513\n", S, Replied(PassLine), 0, "", M},
+        {"writeBackSameSize", "", "513\n", S, Replied(PassLine), 0, E + same, same},
+        {"writeBackShorter", "", "2049\n", S, Replied(PassLine), 0, S.substr(0, S.size() - 1),
+         M.substr(0, M.size() - 1)},
+        {"writeBackLarger", "", "513\n", S, Replied(PassLine), 0, E + larger, larger},
+        {"writeBackEmpty", "", "2561\n", S, Replied(PassLine), 0, E, ""},
+        {"writeBackMissing", "", "513\n", S, Failed("can not open file {entry}/.msg for readig"), 0,
+         "", Missing},
+        {"interfaceZero", "--interface 0", "1\n", S, Ran(PassLine + "\n")},
+        {"routerStageReadsNoInput", router, "4\n", S, Ran(TempfailLine + "\n"), 1},
+        {"routerStageHashPass", router, NoDaemon, E + hash + M, Ran(PassLine + "\n"), 0, S},
+        {"versionBeforeAnyCheck", "--timeout 0 --version --ipclevel loud", NoDaemon, S,
+         Ran("vorex-zmailer - version 6.0.2.7\n")},
+        // Until the options are read the error action is pass; then the
+        // configured one, reject by default.
+        {"unknownOption", "--bogus", NoDaemon, S,
+         Refused(PassLine, "unrecognised option '--bogus'")},
+        {"refusedErrorAction", "-e quarantine", NoDaemon, S,
+         Refused(PassLine, "error in param error-action")},
+        {"unknownUser", "--user nobody-here", NoDaemon, S, Refused(RejectLine, noUser)},
+        {"unknownUserTempfail", "--user nobody-here -e TempFail", NoDaemon, S,
+         Refused(TempfailLine, noUser)},
+        {"noBaseDir", "--basedir /nonexistent/base", NoDaemon, S,
+         Refused(RejectLine, "can not initialize Receiver module")},
+        {"daemonDown", "--interface 0 -e discard", NoDaemon, S,
+         Refused(DiscardLine, "error in vorex-quelt")},
+        // A failed job ends the run after the replies before it; a job line
+        // is only ever a path, and the job sees its first 4,111 bytes only.
+        {"missingFileAfterAGoodJob", "", "1\n", S,
+         Failed("can not open file {root}/missing" + noFile, Hungry + PassLine + "\n" + Hungry), 0,
+         "", Keep, "{spool}\n{root}/missing\n"},
+        {"overlongLine", "", NoDaemon, S,
+         Failed("can not open file " + longLine.substr(0, 4111) +
+                " for read/write:File name too long"),
+         0, "", Keep, longLine + "\n"},
+        {"hostileLine", "", NoDaemon, S, Failed("can not open file " + hostile + noFile), 0, "",
+         Keep, hostile + "\n"},
+    };
+}
 
 class FilterRun : public ::testing::Test, protected FilterSandbox
 {
+protected:
+    // The filter sets its own umask: a parent's 0 must not show in its files.
+    void SetUp() override { savedMask = ::umask(0); }
+    void TearDown() override { (void)::umask(savedMask); }
+
+    std::string Fill(std::string text) const
+    {
+        for (const auto& field :
+             {std::make_pair("{spool}", spool), {"{root}", root}, {"{entry}", entry}})
+            for (std::size_t at; (at = text.find(field.first)) != std::string::npos;)
+                text.replace(at, std::strlen(field.first), field.second);
+        return text;
+    }
+
+    // The entry's files as the daemon gets them, not readable by others.
+    void ExpectEntryFiles(const Row& row, const fs::path& dir)
+    {
+        const uid_t owner = row.args == "--user nobody" ? 65534 : 0;
+        EXPECT_EQ(ReadFile((dir / ".envelope").string()),
+                  "from <alice@example.org>\nto <bob@example.net>\n");
+        EXPECT_EQ(ReadFile((dir / ".msg").string()), row.spool.substr(E.size()));
+        for (const auto& file : {std::make_pair(dir.string(), 0770),
+                                 {dir.string() + "/.msg", 0660},
+                                 {dir.string() + "/.envelope", 0660}}) {
+            struct stat status;
+            ASSERT_EQ(::lstat(file.first.c_str(), &status), 0);
+            EXPECT_EQ(status.st_mode & 07777, static_cast<mode_t>(file.second)) << file.first;
+            EXPECT_EQ(status.st_uid, owner) << file.first;
+        }
+    }
+
+    mode_t savedMask = 0;
+    const std::string spool = root + "/spool", work = root + "/work";
+    std::string entry;
 };
 
-TEST_F(FilterRun, ConversationAtInterfaceOne)
+TEST_F(FilterRun, EachJobAnswersAndLeavesItsFiles)
+{
+    for (const Row& row : Rows()) {
+        SCOPED_TRACE(row.name);
+        fs::remove_all(root);
+        fs::create_directories(basedir);
+        fs::create_directories(work);
+        WriteFile(spool, row.spool);
+        entry.clear();
+        std::vector<std::string> args;
+        const bool levelGiven = row.args.find("--level") != std::string::npos;
+        std::istringstream words(Fill((levelGiven ? "" : "--level debug ") + row.args));
+        for (std::string word; words >> word;)
+            args.push_back(word);
+        RunResult run;
+        {
+            std::unique_ptr<PlayedDaemon> daemon;
+            if (row.answer != NoDaemon)
+                daemon = std::make_unique<PlayedDaemon>(
+                    basedir + "quelt.sock", [&](const std::string& request) {
+                        entry = request.substr(6, request.size() - 7);
+                        const std::string tree = row.copy == Nested ? "/a/b/c" : Deep;
+                        if ((row.copy == Nested || row.copy == TooDeep) &&
+                            fs::create_directories(entry + tree))
+                            WriteFile(entry + tree + "/d", "planted");
+                        else if (row.copy == Missing)
+                            fs::remove(entry + "/.msg");
+                        else if (Rewrites(row))
+                            WriteFile(entry + "/.msg", row.copy);
+                        return row.answer;
+                    });
+            run = RunProgram(Args(args), Fill(row.input), work);
+        }
+        EXPECT_EQ(run.out, Fill(row.expect.out));
+        EXPECT_EQ(run.err, Fill(row.expect.err));
+        EXPECT_EQ(run.status, row.expect.status);
+        EXPECT_TRUE(ReadFile(spool) == (row.after.empty() ? row.spool : row.after)) << "spool";
+        EXPECT_TRUE(fs::is_empty(work)) << "something was made in the working directory";
+        ASSERT_EQ(EntryCount(), row.entries);
+        if (row.entries > 0 && row.copy == Keep)
+            ExpectEntryFiles(row, *fs::directory_iterator(basedir + "msgs"));
+        if (Rewrites(row)) {
+            EXPECT_NE(ReadFile(basedir + "zmailer.log")
+                          .find("orig_size = " + std::to_string(M.size()) +
+                                " st.st_size=" + std::to_string(row.copy.size()) +
+                                " env_size=" + std::to_string(E.size()) + "\n"),
+                      std::string::npos);
+        }
+        if (fs::exists(basedir + "zmailer.log")) {
+            EXPECT_EQ(ModeOf(basedir + "zmailer.log") & 0007, 0u);
+        }
+    }
+}
+
+// The marker comes before every read, the reply before the next marker.
+TEST_F(FilterRun, ConversationWithTheRealDaemon)
 {
     RefDaemon daemon(basedir, {"--add-header", "X-Vorex-Checked: clean"});
-    std::string clean = Spool("clean", cleanSpool);
-    std::string infected = Spool("infected", cleanSpool + Eicar + "\n");
-
+    const std::string clean = Spool("clean", S), infected = Spool("infected", S + Eicar + "\n");
     ChildProcess filter(Args({"address@example.org"}));
-    // The marker comes before every read, the reply before the next marker.
     EXPECT_EQ(filter.ReadStdoutUntil(Hungry), Hungry);
     filter.Write(clean + "\n");
     EXPECT_EQ(filter.ReadStdoutUntil(Hungry), PassLine + " clean\n" + Hungry);
     filter.Write(infected + "\n");
     EXPECT_EQ(filter.ReadStdoutUntil(Hungry), RejectLine + " infected: EICAR-Test-File\n" + Hungry);
-    RunResult run;
-    run.status = filter.Wait(&run.out, &run.err);
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.out, "") << "nothing after the end of input";
-    EXPECT_EQ(run.err, "");
-
-    const std::string checked = "X-Vorex-Checked: clean\n";
-    const size_t headersAt = cleanSpool.find("From:");
-    EXPECT_EQ(ReadFile(clean),
-              cleanSpool.substr(0, headersAt) + checked + cleanSpool.substr(headersAt));
-    EXPECT_EQ(ReadFile(infected), cleanSpool + Eicar + "\n");
+    std::string out, err;
+    EXPECT_EQ(filter.Wait(&out, &err), 0);
+    EXPECT_EQ(out + err, "");
+    EXPECT_EQ(ReadFile(clean), E + "X-Vorex-Checked: clean\n" + M);
+    EXPECT_EQ(ReadFile(infected), S + Eicar + "\n");
     EXPECT_EQ(EntryCount(), 1u) << "only the rejected message keeps its entry";
 }
 
-TEST_F(FilterRun, InterfaceZeroWritesNoMarker)
+// "%-7r [%t] %-5p %x - %m%n": the context is the entry's id while the daemon
+// has it, else empty, which the back end writes as "null".
+TEST_F(FilterRun, LogLinesFollowThePattern)
 {
-    RefDaemon daemon(basedir, {"--verdict", "1"});
-    std::string a = Spool("a", cleanSpool), b = Spool("b", cleanSpool);
-    RunResult run = RunProgram(Args({"--interface", "0"}), a + "\n" + b + "\n");
-    EXPECT_EQ(run.out, PassLine + "\n" + PassLine + "\n");
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(EntryCount(), 0u);
+    PlayedDaemon daemon(basedir + "quelt.sock", "2\n");
+    const std::string spool = Spool("spool", S);
+    ASSERT_EQ(RunProgram(Args({"--level", "DEBUG", "--id", "e2e"}), spool + "\n").status, 0);
+    const std::regex pattern("(?=.{8}\\[)\\d{1,7} +\\[[^\\]]+\\] (DEBUG null - file - '" + spool +
+                             "'|DEBUG null - Success shutdown|INFO  msg e2e\\.\\S+ - from "
+                             "<alice@example.org> to <bob@example.net>)");
+    std::istringstream lines(ReadFile(basedir + "zmailer.log"));
+    int found = 0;
+    for (std::string line; std::getline(lines, line);)
+        found += std::regex_match(line, pattern);
+    EXPECT_EQ(found, 3);
 }
 
-TEST_F(FilterRun, RouterStageRunsOneJobWithoutReadingInput)
-{
-    RefDaemon daemon(basedir, {"--verdict", "4"});
-    std::string spool = Spool("spool", cleanSpool);
-    RunResult run = RunProgram(Args({"--file", spool, "--hash", "s3cret"}), "/not/read\n");
-    EXPECT_EQ(run.out, TempfailLine + "\n");
-    EXPECT_EQ(run.err, "");
-    EXPECT_EQ(run.status, 0);
-}
-
-TEST_F(FilterRun, RouterStageHashPassNeedsNoDaemon)
-{
-    std::string withHash = cleanSpool;
-    withHash.insert(withHash.find("From:"), "X-Vorex-Hash: s3cret\n");
-    std::string spool = Spool("spool", withHash);
-    RunResult run = RunProgram(Args({"--file", spool, "--hash", "s3cret"}));
-    EXPECT_EQ(run.out, PassLine + "\n");
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(ReadFile(spool), cleanSpool);
-}
-
-// Help wins over every other option and lists them all; the version comes
-// before any check. The listing's layout is the option library's, so runs of
-// white space, line ends included, compare as one blank.
-TEST_F(FilterRun, HelpAndVersion)
+// Help wins over every other option and lists them all. The listing's layout
+// is the option library's, so runs of white space compare as one blank.
+TEST_F(FilterRun, HelpListsEveryOption)
 {
     RunResult help = RunProgram({VOREX_ZMAILER, "--interface", "7", "-v", "-h", "-e", "bogus"});
     EXPECT_EQ(help.status, 0);
-    EXPECT_EQ(help.out.rfind("Usage: vorex-zmailer [options] address\n\nAll options:\n", 0), 0u)
-        << help.out;
+    EXPECT_EQ(help.out.rfind("Usage: vorex-zmailer [options] address\n\nAll options:\n", 0), 0u);
     std::string folded;
     for (char c : help.out)
         if (!std::isspace(static_cast<unsigned char>(c)))
@@ -127,120 +313,6 @@ TEST_F(FilterRun, HelpAndVersion)
               "-e [ --error-action ] arg (=reject) action on errors. Valid actions:pass | reject | "
               "discard | tempfail "
               "-Z arg ignored ZMailer configuration ");
-
-    RunResult version = RunProgram({VOREX_ZMAILER, "-t", "0", "--version", "-l", "loud"});
-    EXPECT_EQ(version.status, 0);
-    EXPECT_EQ(version.out, "vorex-zmailer - version 6.0.2.7\n");
-}
-
-// Until the options are read the error action is pass; after them, the
-// configured one (reject by default).
-TEST_F(FilterRun, StartUpFailuresAnswerTheActionHeldAtThatMoment)
-{
-    const std::string noUser = "fail to find uid/gid for user nobody-here. getpwnam error";
-    const struct {
-        std::vector<std::string> args;
-        std::string line;
-        std::string error;
-    } rows[] = {
-        {{"--bogus"}, PassLine, "unrecognised option '--bogus'"},
-        {{"--error-action", "quarantine"}, PassLine, "error in param error-action"},
-        {{"--user", "nobody-here"}, RejectLine, noUser},
-        {{"--user", "nobody-here", "-e", "TempFail"}, TempfailLine, noUser},
-        {{"--basedir", "/nonexistent/base"}, RejectLine, "can not initialize Receiver module"},
-    };
-    for (const auto& row : rows) {
-        RunResult run = RunProgram(Args(row.args));
-        EXPECT_EQ(run.out, row.line + " Internal error\n") << row.args[1];
-        EXPECT_EQ(run.err, "error: " + row.error + "\n") << row.args[1];
-        EXPECT_EQ(run.status, 1) << row.args[1];
-    }
-}
-
-TEST_F(FilterRun, FailedJobAnswersTheErrorActionAndEnds)
-{
-    RefDaemon daemon(basedir, {"--verdict", "1"});
-    std::string clean = Spool("clean", cleanSpool);
-    const std::string longLine(5000, 'x');
-    const struct {
-        const char* name;
-        std::string line;
-        std::string err;
-    } rows[] = {
-        {"missingFile", root + "/missing",
-         "can not open file " + (root + "/missing") + " for read/write:No such file or directory"},
-        // The job sees the first 4,111 bytes of the line only.
-        {"overlongLine", longLine,
-         "can not open file " + longLine.substr(0, 4111) + " for read/write:File name too long"},
-    };
-    for (const auto& row : rows) {
-        RunResult run = RunProgram(Args({"-e", "tempfail"}), clean + "\n" + row.line + "\n");
-        EXPECT_EQ(run.out, Hungry + PassLine + "\n" + Hungry + TempfailLine + " Internal error\n")
-            << row.name;
-        EXPECT_EQ(run.err, "error: " + row.err + "\n") << row.name;
-        EXPECT_EQ(run.status, 1) << row.name;
-    }
-    EXPECT_EQ(EntryCount(), 0u);
-}
-
-TEST_F(FilterRun, DaemonDownAnswersTheErrorAction)
-{
-    std::string clean = Spool("clean", cleanSpool);
-    RunResult run = RunProgram(Args({"--interface", "0", "-e", "discard"}), clean + "\n");
-    EXPECT_EQ(run.out, "-1 250 2.7.1 Discarded by Vorex Quelt! Internal error\n");
-    EXPECT_EQ(run.err, "error: error in vorex-quelt\n");
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(ReadFile(clean), cleanSpool);
-    EXPECT_EQ(EntryCount(), 0u);
-}
-
-TEST_F(FilterRun, LogLinesFollowThePattern)
-{
-    RefDaemon daemon(basedir, {"--verdict", "2"});
-    std::string clean = Spool("clean", cleanSpool);
-    RunResult run = RunProgram(Args({"--level", "DEBUG", "--id", "e2e"}), clean + "\n");
-    ASSERT_EQ(run.status, 0);
-    // "%-7r [%t] %-5p %x - %m%n": elapsed milliseconds left-aligned in seven
-    // columns, the thread, the level in five, the message context (the
-    // entry's id while the daemon has it, else empty, which the back end
-    // writes as "null"), the text.
-    const std::string mail = " - from <alice@example.org> to <bob@example.net>";
-    std::istringstream lines(ReadFile(basedir + "zmailer.log"));
-    int found = 0;
-    for (std::string line; std::getline(lines, line);) {
-        const std::size_t digits = line.find_first_not_of("0123456789");
-        const std::size_t thread = line.find("] ");
-        if (digits < 1 || digits > 7 || line.find_first_not_of(' ', digits) != 8 ||
-            line.compare(8, 1, "[") != 0 || thread == std::string::npos)
-            continue; // the rest of a message with a line end in it
-        const std::string rest = line.substr(thread + 2);
-        found += rest == "DEBUG null - file - '" + clean + "'" ||
-                 rest == "DEBUG null - Success shutdown" ||
-                 (rest.rfind("INFO  msg e2e.", 0) == 0 &&
-                  rest.substr(rest.size() - std::min(rest.size(), mail.size())) == mail);
-    }
-    EXPECT_EQ(found, 3);
-}
-
-TEST_F(FilterRun, SharedSamplesAllReachTheDaemon)
-{
-    RefDaemon daemon(basedir);
-    std::string input, expected = Hungry;
-    for (const fs::directory_entry& sample : fs::directory_iterator(ZMAILER_SAMPLES)) {
-        if (sample.path().extension() != ".spool")
-            continue;
-        std::string copy =
-            Spool(sample.path().filename().string(), ReadFile(sample.path().string()));
-        input += copy + "\n";
-    }
-    RunResult run = RunProgram(Args({}), input);
-    EXPECT_EQ(run.status, 0) << run.err;
-    // Every sample gets a verdict line of its own: a pass or the test virus.
-    size_t replies = 0;
-    for (size_t at = run.out.find('\n'); at != std::string::npos; at = run.out.find('\n', at + 1))
-        ++replies;
-    EXPECT_EQ(replies, 2 * std::count(input.begin(), input.end(), '\n') + 1) << run.out;
-    EXPECT_EQ(run.err, "");
 }
 
 } // namespace

@@ -15,6 +15,11 @@
 namespace
 {
 
+template <class... Text> std::vector<std::string> Args(Text... args)
+{
+    return {args...};
+}
+
 class CommandLine : public ::testing::Test
 {
 protected:
@@ -107,27 +112,24 @@ TEST_F(CommandLine, FailuresLeaveErrorActionAtPass)
         std::string text;
     };
     const Row rows[] = {
-        {"unknown option", {"--bogus"}, "unrecognised option '--bogus'"},
-        {"unknown option beats help", {"--help", "--bogus"}, "unrecognised option '--bogus'"},
-        {"timeout not a number",
-         {"-t", "ten"},
+        {"unknown option", Args("--bogus"), "unrecognised option '--bogus'"},
+        {"unknown option beats help", Args("--help", "--bogus"), "unrecognised option '--bogus'"},
+        {"timeout not a number", Args("-t", "ten"),
          "the argument ('ten') for option '--timeout' is invalid"},
-        {"unknown log level", {"-l", "loud"}, "Error in init log system"},
-        {"unknown ipc level", {"-i", "loud"}, "Error in init log system"},
-        {"log file cannot be opened", {"--log-filename", wrongLog}, "Error in init log system"},
-        {"interface negative", {"--interface=-1"}, "interface must be 0 or 1"},
-        {"interface 2", {"--interface", "2"}, "interface must be 0 or 1"},
-        {"timeout 0", {"-t", "0"}, "timeout must be > 0"},
-        {"interface checked before timeout",
-         {"--interface=7", "-t", "0"},
+        {"unknown log level", Args("-l", "loud"), "Error in init log system"},
+        {"unknown ipc level", Args("-i", "loud"), "Error in init log system"},
+        {"log file cannot be opened", Args("--log-filename", wrongLog), "Error in init log system"},
+        {"interface negative", Args("--interface=-1"), "interface must be 0 or 1"},
+        {"interface 2", Args("--interface", "2"), "interface must be 0 or 1"},
+        {"timeout 0", Args("-t", "0"), "timeout must be > 0"},
+        {"interface checked before timeout", Args("--interface=7", "-t", "0"),
          "interface must be 0 or 1"},
-        {"timeout checked before error action", {"-t", "0", "-e", "bogus"}, "timeout must be > 0"},
-        {"additional action", {"-e", "quarantine"}, "error in param error-action"},
-        {"error action checked before file",
-         {"-e", "cure", "--file", "/spool/A1"},
+        {"timeout checked before error action", Args("-t", "0", "-e", "bogus"),
+         "timeout must be > 0"},
+        {"additional action", Args("-e", "quarantine"), "error in param error-action"},
+        {"error action checked before file", Args("-e", "cure", "--file", "/spool/A1"),
          "error in param error-action"},
-        {"file without hash",
-         {"--file", "/spool/A1"},
+        {"file without hash", Args("--file", "/spool/A1"),
          "--file is defined, but --hash is not! Please, set it from Sender/SecureHash param."},
     };
     for (const Row& row : rows) {

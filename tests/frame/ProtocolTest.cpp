@@ -49,19 +49,7 @@ TEST(ReplyLines, VerdictFlagsChooseTheReplyInBitOrder)
     }
 }
 
-TEST(HungryMarker, WrittenOnlyFromInterfaceOne)
-{
-    const struct {
-        int32_t interface;
-        const char* expected;
-    } rows[] = {{0, ""}, {1, "#hungry\n"}};
-    for (const auto& row : rows) {
-        StdoutCapture capture;
-        WriteHungry(row.interface);
-        EXPECT_EQ(capture.Take(), row.expected) << "interface " << row.interface;
-    }
-}
-
+// The marker itself, and none at interface 0, are the end-to-end tests'.
 TEST(HungryMarker, FailedWriteThrows)
 {
     // A closed reader makes the write fail with EPIPE instead of a signal.

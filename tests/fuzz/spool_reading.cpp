@@ -41,21 +41,6 @@ char streamBuffer[8192];
     std::abort();
 }
 
-void WriteWhole(const std::string& path, const std::string& bytes)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    if (!out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())).flush())
-        Fail("cannot write the spool file");
-}
-
-std::string ReadWhole(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        Fail("cannot open the spool file again");
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 // True when after is before without one chunk [start, end) as the line
 // reader cuts it (at each line feed and after 8191 bytes), the chunk
 // beginning with the hash header's name.
@@ -84,23 +69,16 @@ bool InAddressForm(const std::string& address)
            address.find('\n') == std::string::npos;
 }
 
+// The one failure of healthy input, and the failed file calls of the removal
+// (never expected on a healthy temp file, but documented if they happen).
 bool Documented(const std::string& text)
 {
-    static const char* const texts[] = {"can not find rcpt(s) in envelope and msg"};
-    // Failed file calls during the removal: never expected on a healthy
-    // temp file, but documented if they happen.
-    static const char* const prefixes[] = {"lseek (1) error:",
-                                           "lseek (2) error:",
-                                           "can not open file ",
-                                           "fstat error:",
-                                           "can not copy body for delete our header",
-                                           "truncate error:",
-                                           "ftell error:"};
-    for (const char* exact : texts)
-        if (text == exact)
-            return true;
-    for (const char* prefix : prefixes)
-        if (text.compare(0, std::strlen(prefix), prefix) == 0)
+    if (text == "can not find rcpt(s) in envelope and msg" ||
+        text == "can not copy body for delete our header")
+        return true;
+    for (const char* prefix : {"lseek (1) error:", "lseek (2) error:", "can not open file ",
+                               "fstat error:", "truncate error:", "ftell error:"})
+        if (text.rfind(prefix, 0) == 0)
             return true;
     return false;
 }
@@ -108,7 +86,9 @@ bool Documented(const std::string& text)
 void ScanOnce(const std::string& input, const std::string& hash)
 {
     filterSettings.hash = hash;
-    WriteWhole(spoolPath, input);
+    if (!std::ofstream(spoolPath, std::ios::binary)
+             .write(input.data(), std::streamsize(input.size())))
+        Fail("cannot write the spool file");
     FILE* stream = std::fopen(spoolPath.c_str(), "r+");
     if (stream == nullptr)
         Fail("cannot open the spool file");
@@ -136,7 +116,8 @@ void ScanOnce(const std::string& input, const std::string& hash)
     if (std::fclose(stream) != 0)
         Fail("fclose");
 
-    const std::string after = ReadWhole(spoolPath);
+    std::ifstream in(spoolPath, std::ios::binary);
+    const std::string after(std::istreambuf_iterator<char>(in), {});
     if (passed) {
         if (!OneHashLineRemoved(input, after))
             Fail("the file after a hash pass is not the input minus one hash header line");

@@ -1,77 +1,91 @@
 // tests/receiver/DaemonConversationTest.cpp: ProcessMsg against a daemon
 // played by the test: the request bytes, the flags and note it reads back,
-// and the logged cause of every way the conversation can fail (a daemon that
-// never answers is the message job's test).
+// and the logged cause of every way the conversation can fail.
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <memory>
 
 #include "ReceiverFixture.h"
+#include "platform/receiver/Descriptor.h"
 #include "support/PlayedDaemon.h"
 
 namespace
 {
 
-struct AnswerRow {
-    const char* name;
-    std::string answer;
-    VerdictFlags flags;
-    std::string note;
-    const char* cause; // in the error line; null when the answer is good
-};
+// Answers that are no played daemon: no socket file, a socket nobody listens
+// on, a listener that takes the request and never answers.
+const std::string NoSocket = "\1none", Stale = "\1stale", Silent = "\1silent";
 
-std::vector<AnswerRow> AnswerRows()
+using DaemonConversation = ReceiverFixture;
+
+TEST_F(DaemonConversation, AnswerLinesAndFailures)
 {
-    const std::string longest = "1 " + std::string(8189, 'a') + "\n"; // 8192 bytes
-    return {
-        {"passWithNote", "1 clean\n", 1, "clean", nullptr},
-        {"passWithoutNote", "1\n", 1, "", nullptr},
-        {"carriageReturnDropped", "513 clean\r\n", 513, "clean", nullptr},
-        {"noteKeepsItsBlanks", "2 a  b \n", 2, "a  b ", nullptr},
-        {"highestFlags", "4294967295\n", 0xFFFFFFFF, "", nullptr},
-        {"bytesAfterTheLineIgnored", "4 later\nnoise", 4, "later", nullptr},
-        {"lineOfExactlyTheLimit", longest, 1, std::string(8189, 'a'), nullptr},
+    const std::string bad = "bad verdict flags";
+    const struct {
+        const char* name;
+        std::string answer;
+        VerdictFlags flags;
+        std::string note;
+        std::string cause; // in the one error line; empty when the answer is good
+    } rows[] = {
+        {"passWithNote", "1 clean\n", 1, "clean", ""},
+        {"passWithoutNote", "1\n", 1, "", ""},
+        {"carriageReturnDropped", "513 clean\r\n", 513, "clean", ""},
+        {"noteKeepsItsBlanks", "2 a  b \n", 2, "a  b ", ""},
+        {"highestFlags", "4294967295\n", 0xFFFFFFFF, "", ""},
+        {"bytesAfterTheLineIgnored", "4 later\nnoise", 4, "later", ""},
+        {"lineOfExactlyTheLimit", "1 " + std::string(8189, 'a') + "\n", 1, std::string(8189, 'a'),
+         ""},
         {"lineBeyondTheLimit", "1 " + std::string(8190, 'a') + "\n", VerdictDaemonError, "",
          "longer than 8192 bytes"},
-        {"outOfRange", "4294967296 x\n", VerdictDaemonError, "", "bad verdict flags"},
-        {"negative", "-1 x\n", VerdictDaemonError, "", "bad verdict flags"},
-        {"tabAfterFlags", "1\tclean\n", VerdictDaemonError, "", "bad verdict flags"},
-        {"emptyLine", "\n", VerdictDaemonError, "", "bad verdict flags"},
+        {"outOfRange", "4294967296 x\n", VerdictDaemonError, "", bad + " from daemon at "},
+        {"negative", "-1 x\n", VerdictDaemonError, "", bad},
+        {"tabAfterFlags", "1\tclean\n", VerdictDaemonError, "", bad},
+        {"emptyLine", "\n", VerdictDaemonError, "", bad},
         {"closedInsideTheLine", "1 clean", VerdictDaemonError, "",
          "closed the connection before a full answer line"},
+        {"noSocket", NoSocket, VerdictDaemonError, "",
+         "can not connect to daemon at " + SocketPath() + ":No such file or directory"},
+        {"nobodyListens", Stale, VerdictDaemonError, "",
+         "can not connect to daemon at " + SocketPath() + ":Connection refused"},
+        {"silent", Silent, VerdictDaemonError, "",
+         "no answer from daemon at " + SocketPath() + " within 1 s"},
     };
-}
-
-class DaemonConversation : public ReceiverFixture
-{
-};
-
-TEST_F(DaemonConversation, AnswerLines)
-{
-    for (const AnswerRow& row : AnswerRows()) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         {
             LogCapture log;
-            RefHolder<Receiver> receiver = MakeReceiver();
+            RefHolder<Receiver> receiver = MakeReceiver(1);
             RefHolder<MsgEntry> entry(receiver->CreateMsgEntry());
-            PlayedDaemon daemon(SocketPath(), row.answer);
+            std::unique_ptr<PlayedDaemon> daemon;
+            Descriptor listener(-1);
+            if (row.answer == Stale || row.answer == Silent)
+                listener.Reset(PlayedDaemon::ListenOn(SocketPath()));
+            if (row.answer == Stale)
+                listener.Close();
+            else if (row.answer != Silent && row.answer != NoSocket)
+                daemon = std::make_unique<PlayedDaemon>(SocketPath(), row.answer);
 
             EXPECT_EQ(receiver->ProcessMsg(entry.Get(), 0, 0, 0, 0), row.flags);
-            EXPECT_EQ(daemon.Finish(), "CHECK " + std::string(entry->GetDir()) + "\n");
+            const std::string request = daemon ? daemon->Finish() : "";
+            EXPECT_EQ(request, daemon ? "CHECK " + std::string(entry->GetDir()) + "\n" : "");
             EXPECT_EQ(entry->GetReplyText(), row.note);
-            std::vector<std::string> errors = LinesWith(log, "ERROR", "");
-            if (row.cause == nullptr) {
-                EXPECT_TRUE(errors.empty()) << log.Text();
-            } else {
-                EXPECT_EQ(errors.size(), 1u) << log.Text();
+            const std::vector<std::string> errors = LinesWith(log, "ERROR", "");
+            EXPECT_EQ(errors.size(), row.cause.empty() ? 0u : 1u) << log.Text();
+            if (!row.cause.empty()) {
                 EXPECT_EQ(LinesWith(log, "ERROR", row.cause), errors);
                 EXPECT_EQ(LinesWith(log, "ERROR", SocketPath()), errors);
             }
+            (void)::unlink(SocketPath().c_str());
         }
         EXPECT_EQ(RefObjectLiveCount(), 0);
     }
 }
 
-// A new conversation forgets the note of the one before.
-TEST_F(DaemonConversation, NoteIsClearedByAFailedConversation)
+// A new conversation forgets the note of the one before; nothing is asked
+// without an initialised receiver or an entry, or over a path too long.
+TEST_F(DaemonConversation, RefusalsAndAForgottenNote)
 {
     RefHolder<Receiver> receiver = MakeReceiver();
     RefHolder<MsgEntry> entry(receiver->CreateMsgEntry());
@@ -81,48 +95,24 @@ TEST_F(DaemonConversation, NoteIsClearedByAFailedConversation)
     }
     EXPECT_EQ(receiver->ProcessMsg(entry.Get(), 0, 0, 0, 0), VerdictDaemonError);
     EXPECT_STREQ(entry->GetReplyText(), "");
-}
-
-// No socket file, then a stale one that nobody listens on.
-TEST_F(DaemonConversation, NobodyListening)
-{
-    for (int error : {ENOENT, ECONNREFUSED}) {
-        SCOPED_TRACE(error);
-        if (error == ECONNREFUSED)
-            ::close(PlayedDaemon::ListenOn(SocketPath()));
-        LogCapture log;
-        RefHolder<Receiver> receiver = MakeReceiver();
-        RefHolder<MsgEntry> entry(receiver->CreateMsgEntry());
-
-        EXPECT_EQ(receiver->ProcessMsg(entry.Get(), 0, 0, 0, 0), VerdictDaemonError);
-        const std::string cause =
-            "can not connect to daemon at " + SocketPath() + ":" + std::strerror(error);
-        EXPECT_EQ(LinesWith(log, "ERROR", cause).size(), 1u) << log.Text();
-    }
-}
-
-TEST_F(DaemonConversation, SocketPathTooLong)
-{
-    const std::string deep = temp / std::string(120, 'd');
-    ASSERT_EQ(::mkdir(deep.c_str(), 0700), 0);
-    LogCapture log;
-    RefHolder<Receiver> receiver(CreateReceiver());
-    ASSERT_TRUE(receiver->Init((deep + "/").c_str(), "", ReceiverInitFlags, 10, 1, 0, 0, 0, 0, 0));
-    RefHolder<MsgEntry> entry(receiver->CreateMsgEntry());
-
-    EXPECT_EQ(receiver->ProcessMsg(entry.Get(), 0, 0, 0, 0), VerdictDaemonError);
-    EXPECT_EQ(LinesWith(log, "ERROR", "daemon socket path too long: " + deep).size(), 1u)
-        << log.Text();
-}
-
-TEST_F(DaemonConversation, RefusedWithoutInitOrEntry)
-{
     RefHolder<Receiver> idle(CreateReceiver());
-    RefHolder<Receiver> receiver = MakeReceiver();
-    RefHolder<MsgEntry> entry(receiver->CreateMsgEntry());
-
+    EXPECT_EQ(idle->CreateMsgEntry(), nullptr);
     EXPECT_EQ(idle->ProcessMsg(entry.Get(), 0, 0, 0, 0), VerdictDaemonError);
     EXPECT_EQ(receiver->ProcessMsg(nullptr, 0, 0, 0, 0), VerdictDaemonError);
+
+    // A request line can carry neither a socket path too long nor a line end.
+    for (const std::string& name : {std::string(120, 'd'), std::string("line\nend")}) {
+        const std::string dir = temp / name;
+        ASSERT_EQ(::mkdir(dir.c_str(), 0700), 0);
+        LogCapture log;
+        RefHolder<Receiver> odd(CreateReceiver());
+        ASSERT_TRUE(odd->Init((dir + "/").c_str(), "", ReceiverInitFlags, 10, 1, 0, 0, 0, 0, 0));
+        RefHolder<MsgEntry> oddEntry(odd->CreateMsgEntry());
+        EXPECT_EQ(odd->ProcessMsg(oddEntry.Get(), 0, 0, 0, 0), VerdictDaemonError);
+        const std::string cause = name.size() > 100 ? "daemon socket path too long: " + dir
+                                                    : "with a line end can not be sent to daemon";
+        EXPECT_EQ(LinesWith(log, "ERROR", cause).size(), 1u) << log.Text();
+    }
 }
 
 } // namespace

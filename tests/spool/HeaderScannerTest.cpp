@@ -1,6 +1,6 @@
 // tests/spool/HeaderScannerTest.cpp: the secure-hash gate row by row with the
-// whole file after it, the removal of the hash header line over a body larger
-// than the copy block, the From/To fallback, the scanner's log lines.
+// whole file after it (a hash line cut out of a body larger
+// than the copy block too), the From/To fallback, the scanner's log lines.
 #include <unistd.h>
 
 #include <stdexcept>
@@ -59,6 +59,7 @@ const std::string noRecipient = "from <a@x>\nenv-end\n";
 
 TEST_F(HeaderScanner, GateDecidesAndCutsOnlyTheMatchingLine)
 {
+    const std::string big = Pattern((1 << 20) + 333, 3), longHash(25, 'h');
     const struct {
         const char* name;
         const char* hash;
@@ -93,6 +94,19 @@ TEST_F(HeaderScanner, GateDecidesAndCutsOnlyTheMatchingLine)
         {"wrongThenRightCutsOnlyTheFirstRight", "s3cret", complete,
          "X-Vorex-Hash: guess\nX-Vorex-Hash: s3cret\nX-Vorex-Hash: s3cret\n\n", Outcome::Pass,
          "X-Vorex-Hash: s3cret\n", "guess"},
+        {"hashIsAPrefixOfTheValue", "s3cret", complete, "X-Vorex-Hash: s3cret2\n\n",
+         Outcome::ToDaemon, "", "s3cret2"},
+        {"valueIsAPrefixOfTheHash", "s3cret", complete, "X-Vorex-Hash: s3cre\n\n",
+         Outcome::ToDaemon, "", "s3cre"},
+        {"firstByteDiffers", "s3cret", complete, "X-Vorex-Hash: x3cret\n\n", Outcome::ToDaemon, "",
+         "x3cret"},
+        {"highBitOnly", "s3cre\x65", complete, "X-Vorex-Hash: s3cre\xe5\n\n", Outcome::ToDaemon, "",
+         "s3cre?"},
+        {"valueWithoutHash", "", complete, "X-Vorex-Hash: s3cret\n\n", Outcome::ToDaemon, "",
+         "s3cret"},
+        {"matchMovesAMegabyteUp", longHash.c_str(), complete,
+         "Subject: s\nX-Vorex-Hash: " + longHash + "\nTo: c@z\n\n" + big, Outcome::Pass,
+         "X-Vorex-Hash: " + longHash + "\n", nullptr},
         {"nulInsideMatchingLineCutsAllItsBytes", "s3cret", complete,
          Literal("X-Vorex-Hash: s3cretX\0junk\nTo: c@z\n\n"), Outcome::Pass,
          Literal("X-Vorex-Hash: s3cretX\0junk\n"), nullptr},
@@ -105,7 +119,7 @@ TEST_F(HeaderScanner, GateDecidesAndCutsOnlyTheMatchingLine)
         std::string after = before;
         if (row.outcome == Outcome::Pass)
             after.erase(after.find(row.removedLine), row.removedLine.size());
-        EXPECT_EQ(result.bytes, after) << row.name;
+        EXPECT_TRUE(result.bytes == after) << row.name;
         EXPECT_EQ(result.failure,
                   row.outcome == Outcome::Fails ? "can not find rcpt(s) in envelope and msg" : "")
             << row.name;
@@ -125,41 +139,6 @@ TEST_F(HeaderScanner, GateDecidesAndCutsOnlyTheMatchingLine)
                 << result.log;
         }
     }
-}
-
-TEST_F(HeaderScanner, RemovalMovesAMegabyteBodyUpByTheLineLength)
-{
-    filterSettings.hash = std::string(25, 'h');
-    const std::string hashLine = "X-Vorex-Hash: " + filterSettings.hash + "\n";
-    ASSERT_EQ(hashLine.size(), 40u);
-    const std::string head = complete + "Received: by relay\nSubject: s\n";
-    const std::string tail = "To: c@z\n\n" + Pattern((1 << 20) + 333, 3);
-    const ScanResult result = Scan(head + hashLine + tail);
-    EXPECT_EQ(result.outcome, Outcome::Pass);
-    ASSERT_EQ(result.bytes.size(), head.size() + tail.size());
-    EXPECT_EQ(result.bytes.substr(0, head.size()), head);
-    EXPECT_TRUE(result.bytes.compare(head.size(), tail.size(), tail) == 0)
-        << "the rest did not move up by exactly 40 bytes";
-}
-
-TEST_F(HeaderScanner, RemovalThatCannotReopenThePathLeavesTheFileAlone)
-{
-    filterSettings.hash = "s3cret";
-    const std::string bytes = complete + "X-Vorex-Hash: s3cret\n\nbody\n";
-    SpoolStream spool(bytes);
-    ASSERT_NE(spool.Get(), nullptr);
-    const std::string link = spool.dir / "link";
-    ASSERT_EQ(::link(spool.path.c_str(), link.c_str()), 0);
-    ASSERT_EQ(::unlink(spool.path.c_str()), 0);
-    EnvelopeRead read(spool.Get());
-    try {
-        (void)ScanHeaders(spool.Get(), spool.path.c_str(), read.mail, read.senderFound,
-                          read.recipientFound);
-        ADD_FAILURE() << "no failure";
-    } catch (const std::domain_error& e) {
-        EXPECT_EQ(std::string(e.what()), "can not open file " + spool.path + " for readig");
-    }
-    EXPECT_EQ(ReadFile(link), bytes);
 }
 
 TEST_F(HeaderScanner, FallbackTakesFirstFromAndFirstToWithItsFolds)

@@ -34,27 +34,25 @@ public:
         // A child that ends early makes a write to it fail with EPIPE, which
         // Write handles, instead of killing the test.
         (void)::signal(SIGPIPE, SIG_IGN);
-        int in[2], out[2], err[2];
-        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 ||
-            ::pipe2(err, O_CLOEXEC) != 0)
-            throw std::runtime_error("pipe failed");
+        int pipes[3][2];
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-        posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+        for (int fd = 0; fd < 3; ++fd) {
+            if (::pipe2(pipes[fd], O_CLOEXEC) != 0)
+                throw std::runtime_error("pipe failed");
+            posix_spawn_file_actions_adddup2(&actions, pipes[fd][fd == 0 ? 0 : 1], fd);
+        }
         if (!workDir.empty())
             posix_spawn_file_actions_addchdir_np(&actions, workDir.c_str());
         std::vector<char*> args = Pointers(argv), env = Pointers(environment);
         int rc = posix_spawn(&pid, args[0], &actions, nullptr, args.data(),
                              environment.empty() ? environ : env.data());
         posix_spawn_file_actions_destroy(&actions);
-        ::close(in[0]);
-        ::close(out[1]);
-        ::close(err[1]);
-        stdinFd = in[1];
-        stdoutFd = out[0];
-        stderrFd = err[0];
+        for (int fd = 0; fd < 3; ++fd)
+            ::close(pipes[fd][fd == 0 ? 0 : 1]);
+        stdinFd = pipes[0][1];
+        stdoutFd = pipes[1][0];
+        stderrFd = pipes[2][0];
         if (rc != 0)
             throw std::runtime_error("cannot start " + argv[0]);
     }
@@ -103,16 +101,8 @@ public:
     // Reads standard output until it holds suffix; returns what came up to
     // and with it since the last call (all of it when the output ended or the
     // bound ran out first: the missing suffix shows in the text).
-    std::string ReadStdoutUntil(const std::string& suffix)
-    {
-        (void)Collect([&] { return outBuf.find(suffix) != std::string::npos; });
-        return Take(outBuf, suffix);
-    }
-    std::string ReadStderrUntil(const std::string& suffix)
-    {
-        (void)Collect([&] { return errBuf.find(suffix) != std::string::npos; });
-        return Take(errBuf, suffix);
-    }
+    std::string ReadStdoutUntil(const std::string& suffix) { return ReadUntil(outBuf, suffix); }
+    std::string ReadStderrUntil(const std::string& suffix) { return ReadUntil(errBuf, suffix); }
 
     // Closes the input, collects both outputs to their ends and returns the
     // exit status (128 + signal when killed). A child whose outputs have not
@@ -184,8 +174,9 @@ private:
     }
 
     // The pending bytes up to and with suffix, or all of them without it.
-    static std::string Take(std::string& pending, const std::string& suffix)
+    std::string ReadUntil(std::string& pending, const std::string& suffix)
     {
+        (void)Collect([&] { return pending.find(suffix) != std::string::npos; });
         std::size_t at = pending.find(suffix);
         std::string taken = pending.substr(0, at == std::string::npos ? at : at + suffix.size());
         pending.erase(0, taken.size());

@@ -83,18 +83,14 @@ private:
 
     void Play()
     {
-        if (!Readable(listener))
-            return;
-        int client = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        int client = Readable(listener) ? ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+        char block[4096];
+        ssize_t count = 0;
+        while (client >= 0 && request.find('\n') == std::string::npos && Readable(client) &&
+               (count = ::read(client, block, sizeof block)) > 0)
+            request.append(block, static_cast<std::size_t>(count));
         if (client < 0)
             return;
-        char block[4096];
-        while (request.find('\n') == std::string::npos && Readable(client)) {
-            ssize_t count = ::read(client, block, sizeof block);
-            if (count <= 0)
-                break;
-            request.append(block, static_cast<std::size_t>(count));
-        }
         // A request cut short (the client gave up) gets no answer. The client
         // may give up before reading it all: no SIGPIPE, no check.
         const std::string answer = request.find('\n') != std::string::npos ? script(request) : "";

@@ -42,22 +42,6 @@ private:
     FILE* stream = nullptr;
 };
 
-// Sets the configured hash for one test and restores the old one after.
-class HashSetting
-{
-public:
-    explicit HashSetting(const std::string& hash) : saved(filterSettings.hash)
-    {
-        filterSettings.hash = hash;
-    }
-    ~HashSetting() { filterSettings.hash = saved; }
-    HashSetting(const HashSetting&) = delete;
-    HashSetting& operator=(const HashSetting&) = delete;
-
-private:
-    const std::string saved;
-};
-
 // The job's first step on a spool stream: the envelope into a fresh record.
 struct EnvelopeRead {
     explicit EnvelopeRead(FILE* stream)
