@@ -90,6 +90,7 @@ TEST_F(CommandLine, FailuresLeaveErrorActionAtPass)
         {"--help --bogus", "unrecognised option '--bogus'"},
         {"-t ten", "the argument ('ten') for option '--timeout' is invalid"},
         {"-l loud", "Error in init log system"},
+        {"-i loud", "Error in init log system"},
         {"--log-filename " + dir / "no-such-dir/filter.log", "Error in init log system"},
         {"--interface=-1", "interface must be 0 or 1"},
         {"--interface=7 -t 0", "interface must be 0 or 1"},

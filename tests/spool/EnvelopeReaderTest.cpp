@@ -1,12 +1,8 @@
 // tests/spool/EnvelopeReaderTest.cpp: keywords, their order and case, the
-// ends of an envelope, lines longer than the buffer, and the ZMailer sample
-// files of tests/data read through envelope and headers.
-#include <algorithm>
-
+// ends of an envelope, lines longer than the buffer.
 #include <gtest/gtest.h>
 
 #include "platform/log/LogCapture.h"
-#include "spool/HeaderScanner.h"
 #include "support/SpoolStream.h"
 
 namespace
@@ -56,40 +52,6 @@ TEST(EnvelopeReader, LongLinesArriveInChunksJudgedAsLinesOfTheirOwn)
     EXPECT_EQ(lines[0], "DEBUG null - Read: '" + split.substr(0, 8191) + "'");
     EXPECT_EQ(lines[1], "DEBUG null - Read: '" + tail + "'");
     EXPECT_EQ(lines[4], "DEBUG null - Read: 'env-end\n'");
-}
-
-TEST(SharedSamples, EnvelopeAndHeadersReadAsZMailerWroteThem)
-{
-    const struct {
-        const char* file;
-        std::string addresses; // after both readers
-        bool senderInEnvelope;
-    } rows[] = {
-        {"01-basic-esmtp.spool", "<newsletter@sender.example> to <john.doe@corp.example>", true},
-        {"02-null-sender-bounce-dsn.spool", "<> to <bob@corp.example> <carol@corp.example>", true},
-        {"03-auth-8bit-multi-rcpt-attachment.spool",
-         "<alice@corp.example> to <partner@other.example> <team+sales@corp.example>", true},
-        {"04-plain-smtp-quoted-sender-policy-comments.spool",
-         "<\"odd user\"@spam.example> to <postmaster@corp.example>", true},
-        {"05-router-generated-error.spool", "<> to <postmaster>", true},
-        {"06-minimal-env-eof.spool", "<local@corp.example> to <someone@corp.example>", false},
-    };
-    filterSettings.hash = "no-sample-has-it"; // the header scanner runs for every sample
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.file);
-        const std::string bytes = ReadFile(std::string(ZMAILER_SAMPLES_DIR "/") + row.file);
-        const std::size_t end = std::min(bytes.find("env-end\n"), bytes.find("env-eof\n"));
-        ASSERT_NE(end, std::string::npos);
-        SpoolStream spool(bytes);
-        EnvelopeRead read(spool.Get());
-        EXPECT_EQ(read.size, static_cast<int64_t>(end + 8));
-        EXPECT_EQ(read.sender, row.senderInEnvelope);
-        EXPECT_FALSE(
-            ScanHeaders(spool.Get(), spool.path.c_str(), read.mail, read.sender, read.recipient));
-        EXPECT_EQ(Addresses(read.mail), row.addresses);
-        EXPECT_EQ(spool.Bytes(), bytes);
-    }
-    filterSettings.hash.clear();
 }
 
 } // namespace
