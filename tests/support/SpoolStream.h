@@ -24,8 +24,6 @@ public:
             throw std::runtime_error("cannot open " + path);
     }
     ~SpoolStream() { (void)std::fclose(stream); } // read-only use in the tests
-    SpoolStream(const SpoolStream&) = delete;
-    SpoolStream& operator=(const SpoolStream&) = delete;
 
     FILE* Get() const { return stream; }
     int Fd() const { return ::fileno(stream); }
