@@ -37,16 +37,12 @@ TEST(CopyDescr, CopiesExactlyCountFromBothOffsets)
         int64_t targetOffset, count;
         bool ok;
     } rows[] = {
-        {0, "keep", 4, 0, true},
-        {0, "", 0, N, true},
-        {5, "XYZ", 2, N - 5, true},
-        {100, "0123456789", 3, 4, true},
-        {10, "", 0, N - 2, false},
-        {0, "", 0, -1, false},
-        {334, nullptr, 333, N - 334, true},
-        {373, nullptr, 333, N - 373, true},
-        {333 + K, nullptr, 333, N - 333 - K, true},
-        {300333, nullptr, 333, N - 300333, true},
+        // clang-format off
+        {0, "keep", 4, 0, true},   {0, "", 0, N, true},   {5, "XYZ", 2, N - 5, true},
+        {100, "0123456789", 3, 4, true}, {10, "", 0, N - 2, false}, {0, "", 0, -1, false},
+        {334, nullptr, 333, N - 334, true}, {373, nullptr, 333, N - 373, true},
+        {333 + K, nullptr, 333, N - 333 - K, true}, {300333, nullptr, 333, N - 300333, true},
+        // clang-format on
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(std::to_string(row.sourceOffset) + " " + std::to_string(row.count));

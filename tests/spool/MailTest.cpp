@@ -19,7 +19,6 @@ TEST(AddressForm, EnvelopeAndFromTextBecomeOneBareAddressInBrackets)
         const char* address;
     } rows[] = {
         {"<jane@example.org>\n", "<jane@example.org>"},
-        {"jane@example.org\n", "<jane@example.org>"},
         {" \t jane@example.org \r\n", "<jane@example.org>"},
         {"(a (b) c) jane@example.org", "<jane@example.org>"},
         {"\"Doe, Jane\" <jane@x>", "<jane@x>"},
