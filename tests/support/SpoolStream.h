@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdio>
+#include <stdexcept>
 #include <string>
 
 #include "frame/FilterSettings.h"
@@ -19,16 +20,10 @@ public:
     {
         WriteFile(path, bytes);
         stream = std::fopen(path.c_str(), "r+");
-        if (stream != nullptr)
-            (void)std::setvbuf(stream, buffer, _IOFBF, sizeof buffer); // checked by Get's user
+        if (stream == nullptr || std::setvbuf(stream, buffer, _IOFBF, sizeof buffer) != 0)
+            throw std::runtime_error("cannot open " + path);
     }
-    ~SpoolStream()
-    {
-        if (stream != nullptr)
-            (void)std::fclose(stream); // read-only use in the tests
-    }
-    SpoolStream(const SpoolStream&) = delete;
-    SpoolStream& operator=(const SpoolStream&) = delete;
+    ~SpoolStream() { (void)std::fclose(stream); } // read-only use in the tests
 
     FILE* Get() const { return stream; }
     int Fd() const { return ::fileno(stream); }
@@ -44,13 +39,9 @@ private:
 
 // The job's first step on a spool stream: the envelope into a fresh record.
 struct EnvelopeRead {
-    explicit EnvelopeRead(FILE* stream)
-        : size(ReadEnvelope(stream, mail, senderFound, recipientFound))
-    {
-    }
+    explicit EnvelopeRead(FILE* stream) : size(ReadEnvelope(stream, mail, sender, recipient)) {}
     Mail mail;
-    bool senderFound = false;
-    bool recipientFound = false;
+    bool sender = false, recipient = false; // found in the envelope
     int64_t size;
 };
 
