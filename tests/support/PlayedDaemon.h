@@ -60,9 +60,8 @@ public:
     {
         (void)::write(stopPipe[1], "x", 1); // a full pipe has woken the worker already
         Finish();
-        ::close(listener);
-        ::close(stopPipe[0]);
-        ::close(stopPipe[1]);
+        for (int fd : {listener, stopPipe[0], stopPipe[1]})
+            ::close(fd);
         ::unlink(path.c_str());
     }
     PlayedDaemon(const PlayedDaemon&) = delete;
@@ -81,11 +80,9 @@ public:
     {
         const sockaddr_un address = UnixAddress(path);
         int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (fd < 0 ||
-            ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
             ::listen(fd, 4) != 0) {
-            if (fd >= 0)
-                ::close(fd);
+            ::close(fd); // -1 when there was no socket: nothing to close
             throw std::runtime_error("cannot listen on " + path);
         }
         return fd;
