@@ -88,11 +88,8 @@ TEST_F(ReceiverInit, EntriesFolderIsStickyAndOfTheBaseGroup)
 // seconds, the process id, a sequence; unique across receivers of a process.
 TEST_F(ReceiverEntry, NamesFromIdTimeProcessAndSequence)
 {
-    const char* const rows[][2] = {{"", ""},
-                                   {"x.y_z-9", "x.y_z-9."},
-                                   {"a b/c:d", "a_b_c_d."},
-                                   {"../up", ".._up."},
-                                   {"\xc3\xbc", "__."}};
+    const char* const rows[][2] = {
+        {"", ""}, {"x.y_z-9", "x.y_z-9."}, {"../a b/c:\xc3\xbc", ".._a_b_c___."}};
     const std::regex name("(\\d+)\\." + std::to_string(::getpid()) + "\\.\\d+");
     for (const auto& row : rows) {
         SCOPED_TRACE(row[0]);
