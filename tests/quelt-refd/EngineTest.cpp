@@ -12,25 +12,16 @@
 namespace
 {
 
-std::unique_ptr<Clamd> clamd;
-std::unique_ptr<Spamd> spamd;
-
-// One start of each engine for the whole executable.
-class EngineEnvironment : public ::testing::Environment
-{
-public:
-    void SetUp() override
-    {
-        clamd = std::make_unique<Clamd>();
-        spamd = std::make_unique<Spamd>();
-    }
-    void TearDown() override
-    {
-        clamd.reset();
-        spamd.reset();
-    }
+// One start of each engine for the whole executable, stopped at its exit.
+struct SharedEngines {
+    Clamd clamd;
+    Spamd spamd;
 };
-const auto* const environment = ::testing::AddGlobalTestEnvironment(new EngineEnvironment);
+SharedEngines& Shared()
+{
+    static SharedEngines engines;
+    return engines;
+}
 
 const std::string Gtube = "XJS*C4JDBQADN1.NSBN3*2IDNEN*GTUBE-STANDARD-ANTI-UBE-TEST-EMAIL*C.34X";
 const std::string Virus = RejectLine + " infected: eicar.com.UNOFFICIAL\n";
@@ -66,8 +57,8 @@ TEST_F(Engines, VerdictsAndSpoolBytes)
         {"overClamdLimits", large,
          TempfailLine + " not checked: Heuristics.Limits.Exceeded.MaxFileSize\n", large},
     };
-    RefDaemon daemon(basedir,
-                     {"--clamd", clamd->socket, "--spamd", spamd->socket, "--spam-reject", "20"});
+    RefDaemon daemon(basedir, {"--clamd", Shared().clamd.socket, "--spamd", Shared().spamd.socket,
+                               "--spam-reject", "20"});
     std::string jobs, replies;
     for (const auto& row : rows) {
         jobs += Spool(row.name, row.spool) + "\n";
@@ -93,7 +84,7 @@ TEST_F(Engines, ClamdOverTcpAndClamdKilled)
     const std::string large = virus + std::string(100 * 1024, 'x') + "\n";
     const std::vector<std::string> args = Args({"--interface", "0", "--error-action", "tempfail"});
     {
-        RefDaemon daemon(basedir, {"--clamd", clamd->tcpAddress});
+        RefDaemon daemon(basedir, {"--clamd", Shared().clamd.tcpAddress});
         RunResult run =
             RunProgram(args, Spool("virus", virus) + "\n" + Spool("large", large) + "\n");
         EXPECT_EQ(run.out, Virus + TempfailLine + " Internal error\n");
