@@ -69,7 +69,12 @@ public:
             std::vector<std::string>{"/usr/sbin/clamd", "-c", dir / "clamd.conf"});
         AwaitSocket(socket);
     }
-    void Kill() { process->Signal(SIGKILL); }
+    // Killed and reaped: its socket no longer takes connections.
+    void Kill()
+    {
+        process->Signal(SIGKILL);
+        (void)process->Wait();
+    }
 
     TempDir dir;
     const std::string socket = dir / "clamd.sock";

@@ -1,6 +1,8 @@
 // tests/receiver/RefdTest.cpp: the reference daemon quelt-refd as far as the
 // filter's tests and the demo rely on it: its answers byte for byte, its
 // changes to ".msg", its clean stop, its sweep of kept entries and --check.
+// A plain clean answer, the test string and a header added to a small
+// message are the boundary and e2e tests' (with the real filter in front).
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -47,10 +49,7 @@ TEST_F(QueltRefd, AnswersAndStops)
         std::string msg, answer;
         bool headerAdded;
     } rows[] = {
-        {"plain", {}, mail, "1 clean\n", false},
-        {"testString", {}, infected, virus, false},
         {"testStringAcrossBlocks", {}, std::string(block - 30, 'a') + Eicar, virus, false},
-        {"addHeader", add, mail, "513 clean\n", true},
         {"addHeaderLarge", add, large, "513 clean\n", true},
         {"addHeaderInfected", add, infected, virus, false},
         {"verdictWithNote",
