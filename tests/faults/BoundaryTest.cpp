@@ -12,7 +12,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -31,7 +30,7 @@ namespace fs = boost::filesystem;
 const uid_t Account = 65534; // nobody:nogroup
 const std::string Secret = "root-only bytes\n";
 const std::string Message = "from <a@example.org>\nto <b@example.net>\nenv-end\n"
-                          "Subject: hello\n\nbody\n";
+                            "Subject: hello\n\nbody\n";
 const std::vector<std::string> AsAccount = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534",
                                             "--clear-groups"};
 
@@ -40,8 +39,6 @@ class Boundary : public ::testing::Test, protected FilterSandbox
 protected:
     void SetUp() override
     {
-        if (::geteuid() != 0)
-            GTEST_SKIP() << "needs root: the filter runs as root, the daemon as another account";
         // The documented set-up: the base directory is the account's.
         ASSERT_EQ(::chown(basedir.c_str(), Account, Account), 0);
         ASSERT_EQ(::chmod(basedir.c_str(), 0750), 0);
@@ -51,11 +48,7 @@ protected:
         WriteFile(outside + "/.msg", Secret);
     }
 
-    std::vector<std::string> Args() const
-    {
-        return FilterSandbox::Args({"--user", "nobody", "-e", "tempfail"});
-    }
-
+    const std::vector<std::string> args = Args({"--user", "nobody", "-e", "tempfail"});
     // What root owns outside the base directory, as it must stay.
     std::string RootState() const
     {
@@ -63,14 +56,21 @@ protected:
                std::to_string(std::distance(fs::directory_iterator(outside), {}));
     }
 
-    const std::string secret = root + "/secret";
-    const std::string outside = root + "/outside";
+    const std::string secret = root + "/secret", outside = root + "/outside";
 };
 
-// Serves one request as the account: runs attack on the entry directory,
+// What the account does to the entry: each step an operation on a path in
+// it ("" is the entry itself) and, for a link, its target in the sandbox.
+struct Step {
+    char op; // 'u'nlink, 'l'ink, 'f'ifo, 'd'irectory, 'm'ove aside
+    const char* path;
+    const char* target = "";
+};
+
+// Serves one request as the account: runs the steps on the entry directory,
 // then answers. Ends on its own when no request comes.
-void PlayAccount(int listener, const std::function<void(const std::string&)>& attack,
-                 const std::string& answer)
+void PlayAccount(int listener, const std::vector<Step>& steps, const std::string& answer,
+                 const std::string& root)
 {
     if (::setgroups(0, nullptr) != 0 || ::setgid(Account) != 0 || ::setuid(Account) != 0)
         ::_exit(3);
@@ -80,56 +80,39 @@ void PlayAccount(int listener, const std::function<void(const std::string&)>& at
     const int client = ::accept(listener, nullptr, nullptr);
     std::string request;
     char block[512];
-    ssize_t count;
-    while (request.find('\n') == std::string::npos &&
-           (count = ::read(client, block, sizeof block)) > 0)
+    for (ssize_t count; request.find('\n') == std::string::npos &&
+                        (count = ::read(client, block, sizeof block)) > 0;)
         request.append(block, static_cast<std::size_t>(count));
-    attack(request.substr(6, request.find('\n') - 6)); // after "CHECK "
+    const std::string entry = request.substr(6, request.find('\n') - 6); // after "CHECK "
+    for (const Step& step : steps) {
+        const std::string path = entry + step.path, target = root + "/" + step.target;
+        const char* at = path.c_str();
+        (void)(step.op == 'u'   ? ::unlink(at)
+               : step.op == 'l' ? ::symlink(target.c_str(), at)
+               : step.op == 'f' ? ::mkfifo(at, 0660)
+               : step.op == 'd' ? ::mkdir(at, 0770)
+                                : ::rename(at, (path + ".moved").c_str()));
+    }
     (void)::write(client, answer.data(), answer.size());
     ::_exit(0);
 }
 
 TEST_F(Boundary, CompromisedAccountGetsNothingOfRoot)
 {
-    using Attack = std::function<void(const std::string& entry)>;
-    const std::string outsideDir = outside;
-    const std::string secretFile = secret;
     const struct {
         const char* name;
-        Attack attack;
+        std::vector<Step> steps;
         std::string answer;
     } rows[] = {
-        {"msgIsLinkToRootFile",
-         [&](const std::string& e) {
-             ::unlink((e + "/.msg").c_str());
-             (void)::symlink(secretFile.c_str(), (e + "/.msg").c_str());
-         },
-         "513\n"},
-        {"msgIsFifo",
-         [](const std::string& e) {
-             ::unlink((e + "/.msg").c_str());
-             (void)::mkfifo((e + "/.msg").c_str(), 0660);
-         },
-         "513\n"},
-        {"msgIsDirectory",
-         [](const std::string& e) {
-             ::unlink((e + "/.msg").c_str());
-             (void)::mkdir((e + "/.msg").c_str(), 0770);
-         },
-         "513\n"},
-        {"entrySwappedForLink",
-         [&](const std::string& e) {
-             (void)::rename(e.c_str(), (e + ".moved").c_str());
-             (void)::symlink(outsideDir.c_str(), e.c_str());
-         },
-         "513\n"},
+        {"msgIsLinkToRootFile", {{'u', "/.msg"}, {'l', "/.msg", "secret"}}, "513\n"},
+        {"msgIsFifo", {{'u', "/.msg"}, {'f', "/.msg"}}, "513\n"},
+        {"msgIsDirectory", {{'u', "/.msg"}, {'d', "/.msg"}}, "513\n"},
+        {"entrySwappedForLink", {{'m', ""}, {'l', "", "outside"}}, "513\n"},
         {"linksOutBeforeWithdrawal",
-         [&](const std::string& e) {
-             (void)::symlink(secretFile.c_str(), (e + "/file").c_str());
-             (void)::symlink(outsideDir.c_str(), (e + "/dir").c_str());
-             (void)::mkdir((e + "/sub").c_str(), 0770);
-             (void)::symlink(outsideDir.c_str(), (e + "/sub/dir").c_str());
-         },
+         {{'l', "/file", "secret"},
+          {'l', "/dir", "outside"},
+          {'d', "/sub"},
+          {'l', "/sub/dir", "outside"}},
          "32\n"},
     };
     const std::string before = RootState();
@@ -140,10 +123,10 @@ TEST_F(Boundary, CompromisedAccountGetsNothingOfRoot)
         const int listener = PlayedDaemon::ListenOn(socketPath);
         const pid_t account = ::fork();
         if (account == 0)
-            PlayAccount(listener, row.attack, row.answer);
+            PlayAccount(listener, row.steps, row.answer, root);
         ::close(listener);
 
-        const RunResult run = RunProgram(Args(), spool + "\n");
+        const RunResult run = RunProgram(args, spool + "\n");
         int status = -1;
         ::kill(account, SIGKILL); // done already unless the filter never asked
         ::waitpid(account, &status, 0);
@@ -165,7 +148,7 @@ TEST_F(Boundary, DaemonAsTheAccountReachesEveryEntry)
     RefDaemon daemon(basedir, {"--add-header", "X-Checked: yes"}, AsAccount);
     const std::string clean = Spool("clean", Message);
     const std::string virus = Spool("virus", Message + Eicar + "\n");
-    const RunResult run = RunProgram(Args(), clean + "\n" + virus + "\n");
+    const RunResult run = RunProgram(args, clean + "\n" + virus + "\n");
     EXPECT_EQ(run.out, Hungry + PassLine + " clean\n" + Hungry + RejectLine +
                            " infected: EICAR-Test-File\n" + Hungry);
     EXPECT_EQ(ReadFile(clean), "from <a@example.org>\nto <b@example.net>\nenv-end\n"

@@ -9,36 +9,25 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
-#include <cstring>
-#include <fstream>
 #include <memory>
 #include <stdexcept>
 
 #include "support/ChildProcess.h"
+#include "support/PlayedDaemon.h"
 #include "support/Replies.h"
 #include "support/TempDir.h"
-
-inline bool Answers(const std::string& socketPath)
-{
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
-    bool connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    ::close(fd);
-    return connected;
-}
 
 // Connects every 20 ms until socketPath answers, within the child's bound.
 inline void AwaitSocket(const std::string& socketPath)
 {
-    for (int waited = 0; !Answers(socketPath); waited += 20) {
+    int fd;
+    for (int waited = 0; (fd = ConnectTo(socketPath)) < 0; waited += 20) {
         if (waited > ChildProcess::BoundMs * 2)
             throw std::runtime_error(socketPath + " never answered");
         (void)::poll(nullptr, 0, 20);
     }
+    ::close(fd);
 }
 
 // A TCP port nobody listens on now, for a private engine.
@@ -61,16 +50,14 @@ inline int FreePort()
 class Clamd
 {
 public:
-    // maxFileSize: clamd's MaxFileSize, so that a test can pass it.
-    explicit Clamd(const std::string& maxFileSize = "64K")
+    Clamd()
     {
         boost::filesystem::create_directories(dir / "db");
         WriteFile(dir / "eicar.com", Eicar);
         WriteFile(dir / "clamd.conf",
                   "LocalSocket " + socket + "\nDatabaseDirectory " + (dir / "db") +
-                      "\nForeground yes\nAlertExceedsMax yes\n"
-                      "MaxFileSize " +
-                      maxFileSize + "\nMaxScanSize " + maxFileSize + "\nLogFile " +
+                      "\nForeground yes\nAlertExceedsMax yes\nMaxFileSize 64K\nMaxScanSize 64K\n"
+                      "LogFile " +
                       (dir / "clamd.log") + "\nTCPAddr 127.0.0.1\nTCPSocket " +
                       std::to_string(port) + "\nStreamMaxLength 80K\n");
         ChildProcess sigtool({"/usr/bin/sigtool", "--md5", dir / "eicar.com"});
@@ -82,7 +69,12 @@ public:
             std::vector<std::string>{"/usr/sbin/clamd", "-c", dir / "clamd.conf"});
         AwaitSocket(socket);
     }
-    void Kill() { process->Signal(SIGKILL); }
+    // Killed and reaped: its socket no longer takes connections.
+    void Kill()
+    {
+        process->Signal(SIGKILL);
+        (void)process->Wait();
+    }
 
     TempDir dir;
     const std::string socket = dir / "clamd.sock";

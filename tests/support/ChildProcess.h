@@ -45,30 +45,24 @@ public:
         if (!workDir.empty())
             posix_spawn_file_actions_addchdir_np(&actions, workDir.c_str());
         std::vector<char*> args = Pointers(argv), env = Pointers(environment);
-        int rc = posix_spawn(&pid, args[0], &actions, nullptr, args.data(),
-                             environment.empty() ? environ : env.data());
+        const int rc = posix_spawn(&pid, args[0], &actions, nullptr, args.data(),
+                                   environment.empty() ? environ : env.data());
         posix_spawn_file_actions_destroy(&actions);
-        for (int fd = 0; fd < 3; ++fd)
+        for (int fd = 0; fd < 3; ++fd) {
             ::close(pipes[fd][fd == 0 ? 0 : 1]);
-        stdinFd = pipes[0][1];
-        stdoutFd = pipes[1][0];
-        stderrFd = pipes[2][0];
+            fds[fd] = pipes[fd][fd == 0 ? 1 : 0]; // our ends: stdin's write, the others' read
+        }
         if (rc != 0)
             throw std::runtime_error("cannot start " + argv[0]);
     }
 
     ~ChildProcess()
     {
-        CloseStdin();
-        if (pid > 0) {
-            ::kill(pid, SIGKILL);
-            int status;
-            ::waitpid(pid, &status, 0);
-        }
-        if (stdoutFd >= 0)
-            ::close(stdoutFd);
-        if (stderrFd >= 0)
-            ::close(stderrFd);
+        Signal(SIGKILL);
+        if (pid > 0)
+            ::waitpid(pid, nullptr, 0);
+        for (int& fd : fds)
+            Close(fd);
     }
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -80,9 +74,8 @@ public:
     // such a child is judged by its output and status.
     void Write(const std::string& bytes)
     {
-        std::size_t done = 0;
-        while (done < bytes.size()) {
-            ssize_t n = ::write(stdinFd, bytes.data() + done, bytes.size() - done);
+        for (std::size_t done = 0; done < bytes.size();) {
+            const ssize_t n = ::write(fds[0], bytes.data() + done, bytes.size() - done);
             if (n < 0 && errno == EPIPE)
                 return;
             if (n <= 0)
@@ -91,33 +84,26 @@ public:
         }
     }
 
-    void CloseStdin()
-    {
-        if (stdinFd >= 0)
-            ::close(stdinFd);
-        stdinFd = -1;
-    }
-
     // Reads standard output until it holds suffix; returns what came up to
     // and with it since the last call (all of it when the output ended or the
     // bound ran out first: the missing suffix shows in the text).
-    std::string ReadStdoutUntil(const std::string& suffix) { return ReadUntil(outBuf, suffix); }
-    std::string ReadStderrUntil(const std::string& suffix) { return ReadUntil(errBuf, suffix); }
+    std::string ReadStdoutUntil(const std::string& suffix) { return ReadUntil(pending[1], suffix); }
+    std::string ReadStderrUntil(const std::string& suffix) { return ReadUntil(pending[2], suffix); }
 
     // Closes the input, collects both outputs to their ends and returns the
     // exit status (128 + signal when killed). A child whose outputs have not
-    // ended within the bound is killed, and Hung() is true.
+    // ended within the bound is killed, and Hung() is true. Once only.
     int Wait(std::string* restOfStdout = nullptr, std::string* restOfStderr = nullptr)
     {
-        CloseStdin();
-        if (!Collect([] { return false; })) {
+        Close(fds[0]);
+        if (pid > 0 && !Collect([] { return false; })) {
             hung = true;
             ::kill(pid, SIGKILL);
         }
         if (restOfStdout != nullptr)
-            restOfStdout->swap(outBuf);
+            restOfStdout->swap(pending[1]);
         if (restOfStderr != nullptr)
-            restOfStderr->swap(errBuf);
+            restOfStderr->swap(pending[2]);
         int status = 0;
         if (pid > 0)
             ::waitpid(pid, &status, 0);
@@ -142,52 +128,48 @@ private:
         return pointers;
     }
 
+    static void Close(int& fd)
+    {
+        if (fd >= 0)
+            ::close(fd);
+        fd = -1;
+    }
+
     // Reads both outputs into their buffers until done() holds or both have
     // ended (each is closed at its end); false when the bound runs out first.
     bool Collect(const std::function<bool()>& done)
     {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(BoundMs);
-        while (!done() && (stdoutFd >= 0 || stderrFd >= 0)) {
-            pollfd fds[2] = {{stdoutFd, POLLIN, 0}, {stderrFd, POLLIN, 0}};
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            if (left.count() <= 0 || ::poll(fds, 2, static_cast<int>(left.count())) <= 0)
+        using namespace std::chrono;
+        const auto deadline = steady_clock::now() + milliseconds(BoundMs);
+        while (!done() && (fds[1] >= 0 || fds[2] >= 0)) {
+            pollfd ready[2] = {{fds[1], POLLIN, 0}, {fds[2], POLLIN, 0}};
+            const auto left = duration_cast<milliseconds>(deadline - steady_clock::now()).count();
+            if (left <= 0 || ::poll(ready, 2, static_cast<int>(left)) <= 0)
                 return false;
-            ReadSome(fds[0].revents, stdoutFd, outBuf);
-            ReadSome(fds[1].revents, stderrFd, errBuf);
+            char block[4096];
+            for (int i = 1; i < 3; ++i) {
+                const ssize_t n = ready[i - 1].revents ? ::read(fds[i], block, sizeof block) : -2;
+                if (n > 0)
+                    pending[i].append(block, static_cast<std::size_t>(n));
+                else if (n != -2) // the end, or an error: this output is done
+                    Close(fds[i]);
+            }
         }
         return true;
     }
 
-    static void ReadSome(short revents, int& fd, std::string& pending)
-    {
-        if (revents == 0)
-            return;
-        char block[4096];
-        ssize_t n = ::read(fd, block, sizeof block);
-        if (n > 0) {
-            pending.append(block, static_cast<std::size_t>(n));
-        } else {
-            ::close(fd);
-            fd = -1;
-        }
-    }
-
     // The pending bytes up to and with suffix, or all of them without it.
-    std::string ReadUntil(std::string& pending, const std::string& suffix)
+    std::string ReadUntil(std::string& bytes, const std::string& suffix)
     {
-        (void)Collect([&] { return pending.find(suffix) != std::string::npos; });
-        std::size_t at = pending.find(suffix);
-        std::string taken = pending.substr(0, at == std::string::npos ? at : at + suffix.size());
-        pending.erase(0, taken.size());
+        (void)Collect([&] { return bytes.find(suffix) != std::string::npos; });
+        const std::size_t at = bytes.find(suffix);
+        std::string taken = bytes.substr(0, at == std::string::npos ? at : at + suffix.size());
+        bytes.erase(0, taken.size());
         return taken;
     }
 
     pid_t pid = -1;
     bool hung = false;
-    int stdinFd = -1;
-    int stdoutFd = -1;
-    int stderrFd = -1;
-    std::string outBuf;
-    std::string errBuf;
+    int fds[3] = {-1, -1, -1}; // the child's stdin, stdout, stderr
+    std::string pending[3];    // what came from stdout and stderr, not yet taken
 };

@@ -17,6 +17,26 @@
 #include <string>
 #include <thread>
 
+// The address of a Unix socket at path (cut to what fits).
+inline sockaddr_un UnixAddress(const std::string& path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    return address;
+}
+
+// A stream socket connected to path, or -1 when nobody listens there.
+inline int ConnectTo(const std::string& path)
+{
+    const sockaddr_un address = UnixAddress(path);
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+        return fd;
+    ::close(fd);
+    return -1;
+}
+
 class PlayedDaemon
 {
 public:
@@ -40,9 +60,8 @@ public:
     {
         (void)::write(stopPipe[1], "x", 1); // a full pipe has woken the worker already
         Finish();
-        ::close(listener);
-        ::close(stopPipe[0]);
-        ::close(stopPipe[1]);
+        for (int fd : {listener, stopPipe[0], stopPipe[1]})
+            ::close(fd);
         ::unlink(path.c_str());
     }
     PlayedDaemon(const PlayedDaemon&) = delete;
@@ -59,15 +78,11 @@ public:
     // A socket bound and listening at path (or bound and closed: stale).
     static int ListenOn(const std::string& path)
     {
+        const sockaddr_un address = UnixAddress(path);
         int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address;
-        std::memset(&address, 0, sizeof address);
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-        if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
             ::listen(fd, 4) != 0) {
-            if (fd >= 0)
-                ::close(fd);
+            ::close(fd); // -1 when there was no socket: nothing to close
             throw std::runtime_error("cannot listen on " + path);
         }
         return fd;

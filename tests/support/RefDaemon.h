@@ -23,23 +23,17 @@ public:
         argv.insert(argv.end(), {QUELT_REFD, "--log-stderr", "--basedir", basedir});
         argv.insert(argv.end(), extraArgs.begin(), extraArgs.end());
         process = std::make_unique<ChildProcess>(argv);
-        startLog = process->ReadStderrUntil("\n");
-        while (startLog.find("listening on") == std::string::npos &&
-               startLog.find("not started") == std::string::npos && !startLog.empty() &&
-               startLog.back() == '\n')
-            startLog += process->ReadStderrUntil("\n");
+        // All of it when the daemon ends without listening.
+        startLog = process->ReadStderrUntil("listening on");
+        startLog += process->ReadStderrUntil("\n");
         if (startLog.find("listening on") == std::string::npos)
             throw std::runtime_error("quelt-refd did not start: " + startLog);
     }
-    ~RefDaemon()
-    {
-        process->Signal(SIGTERM);
-        (void)process->Wait();
-    }
+    ~RefDaemon() { (void)Stop(nullptr); }
     RefDaemon(const RefDaemon&) = delete;
     RefDaemon& operator=(const RefDaemon&) = delete;
 
-    // Stops the daemon and returns the status and what it logged.
+    // Stops the daemon and returns the status and what it logged (once).
     int Stop(std::string* log)
     {
         process->Signal(SIGTERM);
