@@ -140,12 +140,12 @@ TEST_F(Boundary, CompromisedAccountGetsNothingOfRoot)
     }
 }
 
-// The documented set-up end to end: the real daemon as the account reads
-// and rewrites the entries the root filter hands it, and may remove the ones
-// kept for it.
+// The documented set-up end to end: the real daemon, started as root, binds
+// and becomes the account; as such it reads and rewrites the entries the
+// root filter hands it, and the account may remove the ones kept for it.
 TEST_F(Boundary, DaemonAsTheAccountReachesEveryEntry)
 {
-    RefDaemon daemon(basedir, {"--add-header", "X-Checked: yes"}, AsAccount);
+    RefDaemon daemon(basedir, {"--add-header", "X-Checked: yes", "--user", "nobody"});
     const std::string clean = Spool("clean", Message);
     const std::string virus = Spool("virus", Message + Eicar + "\n");
     const RunResult run = RunProgram(args, clean + "\n" + virus + "\n");

@@ -29,7 +29,9 @@ void DropPrivileges(const std::string& user, const std::string& socketPath)
         int error = errno;
         throw std::domain_error(what + " error:" + std::strerror(error));
     };
-    if (::chown(socketPath.c_str(), uid, gid) != 0)
+    // The base directory is the account's: a link planted as the socket is
+    // handed over itself, never what it points to.
+    if (::lchown(socketPath.c_str(), uid, gid) != 0)
         fail("chown " + socketPath);
     if (::initgroups(user.c_str(), gid) != 0)
         fail("initgroups " + user);
