@@ -1,17 +1,17 @@
 // tests/faults/FaultInjection.cpp: a preload library for fault walks. With
-// VOREX_FAULT="<call>:<N>:<errno name>" the Nth call of that family (counted
-// from process start, over all its entry points) fails with that errno and
-// does nothing else, except fclose, which still releases the stream as a real
-// failing fclose does. When the fault fires, one line describing the call
-// (family, N, errno, entry point, descriptor or path, first bytes of a write,
-// calling object) is appended to the file named by VOREX_FAULT_MARKER; no
-// marker means N was past the last call. VOREX_FAULT_TRACE names a file that
-// gets such a line for every call seen.
+// VOREX_FAULT="<family>:<N>:<errno number>" the Nth call of that family
+// (counted from process start, over all its entry points) fails with that
+// errno and does nothing else, except fclose, which still releases the stream
+// as a real failing fclose does. When the fault fires, one line describing the
+// call (family, N, errno, entry point, descriptor or path, first bytes of a
+// write, calling object) is appended to the file named by VOREX_FAULT_MARKER;
+// no marker means N was past the last call. VOREX_FAULT_TRACE names a file
+// that gets such a line for every call seen; the walk takes its families from
+// that trace, so the table of interposers at the end is the only list of them.
 //
-// The families are the table of interposers at the end. Only calls that go
-// through the dynamic symbol table are seen: glibc's calls into itself (fgets
-// reading through the stream, ftell's seek, getpwnam's files, opendir,
-// syslog) and system calls made directly are out of reach.
+// Only calls that go through the dynamic symbol table are seen: glibc's calls
+// into itself (fgets reading through the stream, ftell's seek, getpwnam's
+// files, opendir, syslog) and system calls made directly are out of reach.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -28,40 +28,14 @@
 namespace
 {
 
-const struct {
-    const char* name;
-    int value;
-} Errnos[] = {{"ENOSPC", ENOSPC}, {"EIO", EIO}, {"EINTR", EINTR}};
-
 struct {
     bool parsed = false;
     char family[32] = {};
     long nth = 0, seen = 0;
     int error = 0; // 0: disarmed, also by a malformed VOREX_FAULT
-    const char* errorName = "-";
     const char* marker = nullptr;
     const char* trace = nullptr;
 } plan;
-
-// Reads the plan once, on the first intercepted call.
-void ParsePlan()
-{
-    if (plan.parsed)
-        return;
-    plan.parsed = true;
-    plan.marker = std::getenv("VOREX_FAULT_MARKER");
-    plan.trace = std::getenv("VOREX_FAULT_TRACE");
-    const char* text = std::getenv("VOREX_FAULT");
-    char name[16];
-    if (text == nullptr ||
-        std::sscanf(text, "%31[^:]:%ld:%15s", plan.family, &plan.nth, name) != 3 || plan.nth < 1)
-        return;
-    for (const auto& error : Errnos)
-        if (std::strcmp(name, error.name) == 0) {
-            plan.error = error.value;
-            plan.errorName = error.name;
-        }
-}
 
 template <class Function> Function Real(const char* name)
 {
@@ -76,27 +50,13 @@ struct Site {
     std::size_t length = 0;
 };
 
-// Appends one line to path with the real open and write: the library's own
-// output is never counted or faulted. A line that cannot be written shows as
-// a fault that never fired, which the walk reports.
-void AppendLine(const char* path, const char* family, long number, const char* errorName,
-                const char* function, const Site& site, void* caller)
+// Appends line to path with the real open and write: the library's own
+// output is never counted or faulted. A marker that cannot be written shows
+// as a fault that never fired, which the walk reports.
+void AppendLine(const char* path, const std::string& line)
 {
     static auto realOpen = Real<int (*)(const char*, int, ...)>("open");
     static auto realWrite = Real<ssize_t (*)(int, const void*, std::size_t)>("write");
-    std::string line = std::string(family) + " " + std::to_string(number) + " " + errorName + " " +
-                       function + (site.fd >= 0 ? " fd=" + std::to_string(site.fd) : "") +
-                       (site.path != nullptr ? std::string(" path=") + site.path : "");
-    if (site.bytes != nullptr) {
-        line += " bytes="; // printable bytes as they are, others as '.'
-        const char* data = static_cast<const char*>(site.bytes);
-        for (std::size_t i = 0; i < site.length && i < 24; ++i)
-            line += data[i] > 0x20 && data[i] < 0x7f ? data[i] : '.';
-    }
-    Dl_info info;
-    if (::dladdr(caller, &info) != 0 && info.dli_fname != nullptr)
-        line += std::string(" caller=") + info.dli_fname;
-    line += "\n";
     const int fd = realOpen(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
     if (fd >= 0) {
         (void)realWrite(fd, line.data(), line.size());
@@ -105,18 +65,43 @@ void AppendLine(const char* path, const char* family, long number, const char* e
 }
 
 // Counts one call of family; true, with errno set, when this is the call to
-// fail.
+// fail. The plan is read on the first intercepted call.
 bool Fire(const char* family, const char* function, const Site& site, void* caller)
 {
     const int savedErrno = errno;
-    ParsePlan();
+    if (!plan.parsed) {
+        plan.parsed = true;
+        plan.marker = std::getenv("VOREX_FAULT_MARKER");
+        plan.trace = std::getenv("VOREX_FAULT_TRACE");
+        const char* text = std::getenv("VOREX_FAULT");
+        if (text == nullptr ||
+            std::sscanf(text, "%31[^:]:%ld:%d", plan.family, &plan.nth, &plan.error) != 3 ||
+            plan.nth < 1)
+            plan.error = 0;
+    }
     const bool counted = plan.error != 0 && std::strcmp(plan.family, family) == 0;
     const bool fire = counted && ++plan.seen == plan.nth;
-    if (plan.trace != nullptr && *plan.trace != '\0')
-        AppendLine(plan.trace, family, counted ? plan.seen : 0, fire ? plan.errorName : "-",
-                   function, site, caller);
-    if (fire && plan.marker != nullptr)
-        AppendLine(plan.marker, family, plan.seen, plan.errorName, function, site, caller);
+    const bool traced = plan.trace != nullptr && *plan.trace != '\0';
+    if (traced || (fire && plan.marker != nullptr)) {
+        std::string line = std::string(family) + " " + std::to_string(counted ? plan.seen : 0) +
+                           " " + (fire ? std::to_string(plan.error) : "-") + " " + function +
+                           (site.fd >= 0 ? " fd=" + std::to_string(site.fd) : "") +
+                           (site.path != nullptr ? std::string(" path=") + site.path : "");
+        if (site.bytes != nullptr) {
+            line += " bytes="; // printable bytes as they are, others as '.'
+            const char* data = static_cast<const char*>(site.bytes);
+            for (std::size_t i = 0; i < site.length && i < 24; ++i)
+                line += data[i] > 0x20 && data[i] < 0x7f ? data[i] : '.';
+        }
+        Dl_info info;
+        if (::dladdr(caller, &info) != 0 && info.dli_fname != nullptr)
+            line += std::string(" caller=") + info.dli_fname;
+        line += "\n";
+        if (traced)
+            AppendLine(plan.trace, line);
+        if (fire && plan.marker != nullptr)
+            AppendLine(plan.marker, line);
+    }
     errno = fire ? plan.error : savedErrno;
     return fire;
 }
@@ -138,13 +123,11 @@ bool Fire(const char* family, const char* function, const Site& site, void* call
 #define INTERPOSE_OPEN(name, family, Params, ...)                                                  \
     int name Params                                                                                \
     {                                                                                              \
-        mode_t mode = 0;                                                                           \
-        if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {                          \
-            va_list args;                                                                          \
-            va_start(args, flags);                                                                 \
-            mode = static_cast<mode_t>(va_arg(args, int));                                         \
-            va_end(args);                                                                          \
-        }                                                                                          \
+        va_list args;                                                                              \
+        va_start(args, flags);                                                                     \
+        const bool withMode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;          \
+        const mode_t mode = withMode ? static_cast<mode_t>(va_arg(args, int)) : 0;                 \
+        va_end(args);                                                                              \
         static auto real = Real<int(*) Params>(#name);                                             \
         return Fire(family, #name, Site{-1, path}, __builtin_return_address(0))                    \
                    ? -1                                                                            \
