@@ -31,7 +31,7 @@ namespace fs = boost::filesystem;
 const uid_t Account = 65534; // nobody:nogroup
 const std::string Secret = "root-only bytes\n";
 const std::string Message = "from <a@example.org>\nto <b@example.net>\nenv-end\n"
-                          "Subject: hello\n\nbody\n";
+                            "Subject: hello\n\nbody\n";
 const std::vector<std::string> AsAccount = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534",
                                             "--clear-groups"};
 

@@ -2,12 +2,11 @@
 // VOREX_FAULT="<family>:<N>:<errno number>" the Nth call of that family
 // (counted from process start, over all its entry points) fails with that
 // errno and does nothing else, except fclose, which still releases the stream
-// as a real failing fclose does. When the fault fires, one line describing the
-// call (family, N, errno, entry point, descriptor or path, first bytes of a
-// write, calling object) is appended to the file named by VOREX_FAULT_MARKER;
-// no marker means N was past the last call. VOREX_FAULT_TRACE names a file
-// that gets such a line for every call seen; the walk takes its families from
-// that trace, so the table of interposers at the end is the only list of them.
+// as a real failing fclose does. Every call seen appends one line to the file
+// named by VOREX_FAULT_TRACE: family, N (0 when not counted), the errno it
+// failed with or "-", entry point, descriptor or path, first bytes of a
+// write, calling object. The walk takes the families from that trace, so the
+// table of interposers at the end is the only list of them.
 //
 // Only calls that go through the dynamic symbol table are seen: glibc's calls
 // into itself (fgets reading through the stream, ftell's seek, getpwnam's
@@ -33,7 +32,6 @@ struct {
     char family[32] = {};
     long nth = 0, seen = 0;
     int error = 0; // 0: disarmed, also by a malformed VOREX_FAULT
-    const char* marker = nullptr;
     const char* trace = nullptr;
 } plan;
 
@@ -42,36 +40,18 @@ template <class Function> Function Real(const char* name)
     return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
 }
 
-// What a call touched, for the marker.
-struct Site {
-    int fd = -1;
-    const char* path = nullptr;
-    const void* bytes = nullptr;
-    std::size_t length = 0;
-};
-
-// Appends line to path with the real open and write: the library's own
-// output is never counted or faulted. A marker that cannot be written shows
-// as a fault that never fired, which the walk reports.
-void AppendLine(const char* path, const std::string& line)
-{
-    static auto realOpen = Real<int (*)(const char*, int, ...)>("open");
-    static auto realWrite = Real<ssize_t (*)(int, const void*, std::size_t)>("write");
-    const int fd = realOpen(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-    if (fd >= 0) {
-        (void)realWrite(fd, line.data(), line.size());
-        (void)::close(fd);
-    }
-}
-
-// Counts one call of family; true, with errno set, when this is the call to
-// fail. The plan is read on the first intercepted call.
-bool Fire(const char* family, const char* function, const Site& site, void* caller)
+// Counts one call of family and traces it with what it touched (a
+// descriptor, a path, the bytes of a write); true, with errno set, when this
+// is the call to fail. The plan is read on the first intercepted call. The
+// trace is written with the real open and write: the library's own output is
+// never counted or faulted. A line that cannot be written shows as a fault
+// that never fired, which the walk reports.
+bool Fire(const char* family, const char* function, void* caller, int fd,
+          const char* path = nullptr, const void* bytes = nullptr, std::size_t length = 0)
 {
     const int savedErrno = errno;
     if (!plan.parsed) {
         plan.parsed = true;
-        plan.marker = std::getenv("VOREX_FAULT_MARKER");
         plan.trace = std::getenv("VOREX_FAULT_TRACE");
         const char* text = std::getenv("VOREX_FAULT");
         if (text == nullptr ||
@@ -81,26 +61,28 @@ bool Fire(const char* family, const char* function, const Site& site, void* call
     }
     const bool counted = plan.error != 0 && std::strcmp(plan.family, family) == 0;
     const bool fire = counted && ++plan.seen == plan.nth;
-    const bool traced = plan.trace != nullptr && *plan.trace != '\0';
-    if (traced || (fire && plan.marker != nullptr)) {
+    if (plan.trace != nullptr) {
         std::string line = std::string(family) + " " + std::to_string(counted ? plan.seen : 0) +
                            " " + (fire ? std::to_string(plan.error) : "-") + " " + function +
-                           (site.fd >= 0 ? " fd=" + std::to_string(site.fd) : "") +
-                           (site.path != nullptr ? std::string(" path=") + site.path : "");
-        if (site.bytes != nullptr) {
+                           (fd >= 0 ? " fd=" + std::to_string(fd) : "") +
+                           (path != nullptr ? std::string(" path=") + path : "");
+        if (bytes != nullptr) {
             line += " bytes="; // printable bytes as they are, others as '.'
-            const char* data = static_cast<const char*>(site.bytes);
-            for (std::size_t i = 0; i < site.length && i < 24; ++i)
+            const char* data = static_cast<const char*>(bytes);
+            for (std::size_t i = 0; i < length && i < 24; ++i)
                 line += data[i] > 0x20 && data[i] < 0x7f ? data[i] : '.';
         }
         Dl_info info;
         if (::dladdr(caller, &info) != 0 && info.dli_fname != nullptr)
             line += std::string(" caller=") + info.dli_fname;
         line += "\n";
-        if (traced)
-            AppendLine(plan.trace, line);
-        if (fire && plan.marker != nullptr)
-            AppendLine(plan.marker, line);
+        static auto realOpen = Real<int (*)(const char*, int, ...)>("open");
+        static auto realWrite = Real<ssize_t (*)(int, const void*, std::size_t)>("write");
+        const int out = realOpen(plan.trace, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+        if (out >= 0) {
+            (void)realWrite(out, line.data(), line.size());
+            (void)::close(out);
+        }
     }
     errno = fire ? plan.error : savedErrno;
     return fire;
@@ -110,13 +92,14 @@ bool Fire(const char* family, const char* function, const Site& site, void* call
 
 // The interposer of `name` (Params, called on with the names that follow):
 // fails with `failed` when the fault fires for family, passes the call on to
-// the real function otherwise.
+// the real function otherwise. site: Fire's arguments after the caller.
+#define SITE(...) __VA_ARGS__
 #define INTERPOSE(Ret, name, family, failed, site, Params, ...)                                    \
     Ret name Params                                                                                \
     {                                                                                              \
         static auto real = Real<Ret(*) Params>(#name);                                             \
-        return Fire(family, #name, site, __builtin_return_address(0)) ? failed                     \
-                                                                      : real(__VA_ARGS__);         \
+        return Fire(family, #name, __builtin_return_address(0), SITE site) ? failed                \
+                                                                           : real(__VA_ARGS__);    \
     }
 
 // The open calls, whose mode argument is there only with O_CREAT or O_TMPFILE.
@@ -129,7 +112,7 @@ bool Fire(const char* family, const char* function, const Site& site, void* call
         const mode_t mode = withMode ? static_cast<mode_t>(va_arg(args, int)) : 0;                 \
         va_end(args);                                                                              \
         static auto real = Real<int(*) Params>(#name);                                             \
-        return Fire(family, #name, Site{-1, path}, __builtin_return_address(0))                    \
+        return Fire(family, #name, __builtin_return_address(0), -1, path)                          \
                    ? -1                                                                            \
                    : real(__VA_ARGS__, mode);                                                      \
     }
@@ -140,37 +123,37 @@ INTERPOSE_OPEN(open, "open", (const char* path, int flags, ...), path, flags)
 INTERPOSE_OPEN(open64, "open", (const char* path, int flags, ...), path, flags)
 INTERPOSE_OPEN(openat, "openat", (int dir, const char* path, int flags, ...), dir, path, flags)
 INTERPOSE_OPEN(openat64, "openat", (int dir, const char* path, int flags, ...), dir, path, flags)
-INTERPOSE(ssize_t, read, "read", -1, Site{fd}, (int fd, void* to, size_t n), fd, to, n)
-INTERPOSE(ssize_t, write, "write", -1, (Site{fd, nullptr, from, n}),
-          (int fd, const void* from, size_t n), fd, from, n)
-INTERPOSE(off_t, lseek, "lseek", -1, Site{fd}, (int fd, off_t at, int whence), fd, at, whence)
-INTERPOSE(off64_t, lseek64, "lseek", -1, Site{fd}, (int fd, off64_t at, int whence), fd, at, whence)
-INTERPOSE(int, fstat, "fstat", -1, Site{fd}, (int fd, struct stat* status), fd, status)
-INTERPOSE(int, fstat64, "fstat", -1, Site{fd}, (int fd, struct stat64* status), fd, status)
-INTERPOSE(ssize_t, copy_file_range, "copy_file_range", -1, Site{in},
+INTERPOSE(ssize_t, read, "read", -1, (fd), (int fd, void* to, size_t n), fd, to, n)
+INTERPOSE(ssize_t, write, "write", -1, (fd, nullptr, from, n), (int fd, const void* from, size_t n),
+          fd, from, n)
+INTERPOSE(off_t, lseek, "lseek", -1, (fd), (int fd, off_t at, int whence), fd, at, whence)
+INTERPOSE(off64_t, lseek64, "lseek", -1, (fd), (int fd, off64_t at, int whence), fd, at, whence)
+INTERPOSE(int, fstat, "fstat", -1, (fd), (int fd, struct stat* status), fd, status)
+INTERPOSE(int, fstat64, "fstat", -1, (fd), (int fd, struct stat64* status), fd, status)
+INTERPOSE(ssize_t, copy_file_range, "copy_file_range", -1, (in),
           (int in, off64_t* inAt, int out, off64_t* outAt, size_t n, unsigned flags), in, inAt, out,
           outAt, n, flags)
-INTERPOSE(int, truncate, "truncate", -1, (Site{-1, path}), (const char* path, off_t n), path, n)
-INTERPOSE(int, truncate64, "truncate", -1, (Site{-1, path}), (const char* path, off64_t n), path, n)
-INTERPOSE(int, fsync, "fsync", -1, Site{fd}, (int fd), fd)
-INTERPOSE(int, mkdir, "mkdir", -1, (Site{-1, path}), (const char* path, mode_t mode), path, mode)
-INTERPOSE(int, mkdirat, "mkdir", -1, (Site{-1, path}), (int dir, const char* path, mode_t mode),
-          dir, path, mode)
-INTERPOSE(int, connect, "connect", -1, Site{fd}, (int fd, const struct sockaddr* to, socklen_t n),
-          fd, to, n)
-INTERPOSE(ssize_t, send, "send", -1, (Site{fd, nullptr, from, n}),
+INTERPOSE(int, truncate, "truncate", -1, (-1, path), (const char* path, off_t n), path, n)
+INTERPOSE(int, truncate64, "truncate", -1, (-1, path), (const char* path, off64_t n), path, n)
+INTERPOSE(int, fsync, "fsync", -1, (fd), (int fd), fd)
+INTERPOSE(int, mkdir, "mkdir", -1, (-1, path), (const char* path, mode_t mode), path, mode)
+INTERPOSE(int, mkdirat, "mkdir", -1, (-1, path), (int dir, const char* path, mode_t mode), dir,
+          path, mode)
+INTERPOSE(int, connect, "connect", -1, (fd), (int fd, const struct sockaddr* to, socklen_t n), fd,
+          to, n)
+INTERPOSE(ssize_t, send, "send", -1, (fd, nullptr, from, n),
           (int fd, const void* from, size_t n, int flags), fd, from, n, flags)
-INTERPOSE(ssize_t, recv, "recv", -1, Site{fd}, (int fd, void* to, size_t n, int flags), fd, to, n,
+INTERPOSE(ssize_t, recv, "recv", -1, (fd), (int fd, void* to, size_t n, int flags), fd, to, n,
           flags)
-INTERPOSE(FILE*, fopen, "fopen", nullptr, (Site{-1, path}), (const char* path, const char* mode),
-          path, mode)
-INTERPOSE(FILE*, fopen64, "fopen", nullptr, (Site{-1, path}), (const char* path, const char* mode),
-          path, mode)
+INTERPOSE(FILE*, fopen, "fopen", nullptr, (-1, path), (const char* path, const char* mode), path,
+          mode)
+INTERPOSE(FILE*, fopen64, "fopen", nullptr, (-1, path), (const char* path, const char* mode), path,
+          mode)
 
 int fclose(FILE* stream)
 {
     static auto real = Real<int (*)(FILE*)>("fclose");
-    if (!Fire("fclose", "fclose", Site{::fileno(stream)}, __builtin_return_address(0)))
+    if (!Fire("fclose", "fclose", __builtin_return_address(0), ::fileno(stream)))
         return real(stream);
     // The stream is released as by a real failing fclose; only the result is
     // the injected failure.

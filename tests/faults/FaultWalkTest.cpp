@@ -55,15 +55,6 @@ const std::set<std::string> RetriedOnEintr = {"read",    "write", "copy_file_ran
 // means the fault kept firing, and the walk stops with a failure.
 constexpr long WalkBound = 300;
 
-// Numbered lines: a block moved to the wrong place never matches.
-std::string Body(std::size_t size)
-{
-    std::string body;
-    for (int i = 0; body.size() < size; ++i)
-        body += "line " + std::to_string(i) + " of the walk body, no two alike\n";
-    return body;
-}
-
 const std::string Envelope = "external\nrcvdfrom mx.example.org (mx.example.org [192.0.2.1]:4000)\n"
                              "from <alice@example.org>\nto <bob@example.net>\nenv-end\n";
 const std::string FromLine = "From: Alice <alice@example.org>\n";
@@ -71,7 +62,13 @@ const std::string OtherHeaders = "To: bob@example.net\nSubject: walk\n\n";
 const std::string Plain = Envelope + FromLine + OtherHeaders;
 // Three blocks of the program's 128 KiB copy, so that a copy can fail after
 // some of the bytes have moved.
-const std::string LargeBody = Body(300 * 1024);
+// Numbered lines: a block moved to the wrong place never matches.
+const std::string LargeBody = [] {
+    std::string body;
+    for (int i = 0; body.size() < 300 * 1024; ++i)
+        body += "line " + std::to_string(i) + " of the walk body, no two alike\n";
+    return body;
+}();
 // The shrinking daemon's copy: a changed header part and half of the body.
 const std::string ShrunkMessage = "Subject: shrunk\n\n" + LargeBody.substr(0, 150 * 1024);
 
@@ -87,37 +84,20 @@ struct Job {
     std::string after; // the spool file after the clean run
 };
 
+// clang-format off
 const Job Jobs[] = {
-    {"ChangedContent",
-     false,
-     {},
-     Plain + LargeBody,
-     PassLine + " clean\n",
-     0,
+    {"ChangedContent", false, {}, Plain + LargeBody, PassLine + " clean\n", 0,
      Envelope + "X-Vorex-Checked: clean\n" + FromLine + OtherHeaders + LargeBody},
-    {"HashRemoval",
-     false,
-     {"--hash", "s3cret"},
-     Envelope + FromLine + "X-Vorex-Hash: s3cret\n" + OtherHeaders + LargeBody,
-     PassLine + "\n",
-     0,
+    {"HashRemoval", false, {"--hash", "s3cret"},
+     Envelope + FromLine + "X-Vorex-Hash: s3cret\n" + OtherHeaders + LargeBody, PassLine + "\n", 0,
      Plain + LargeBody},
-    {"Reject",
-     false,
-     {},
-     Plain + Eicar + "\n",
-     RejectLine + " infected: EICAR-Test-File\n",
-     1,
+    {"Reject", false, {}, Plain + Eicar + "\n", RejectLine + " infected: EICAR-Test-File\n", 1,
      Plain + Eicar + "\n"},
-    {"ShrunkContent",
-     true,
-     {},
-     Plain + LargeBody,
-     PassLine + " shrunk\n",
-     0,
+    {"ShrunkContent", true, {}, Plain + LargeBody, PassLine + " shrunk\n", 0,
      Envelope + ShrunkMessage},
     {"MissingFile", false, {}, Plain, "", 0, Plain},
 };
+// clang-format on
 
 // Rows name themselves in failure messages.
 void PrintTo(const Job& job, std::ostream* os)
@@ -140,31 +120,28 @@ std::string Shrink(const std::string& request)
     return "513 shrunk\n";
 }
 
-// The spool file's states while a job rewrites it front to back from `at`
-// on with source (the rest of the file as the clean run leaves it): the
-// original's first `at` bytes, source's first m bytes, the original from
-// at + m on.
-std::string CopyState(const std::string& original, std::size_t at, const std::string& source,
-                      std::size_t m)
+// Whether file is a state the spool file passes through while a job
+// rewrites it front to back, from the first byte the job changes on, into
+// after: the original's bytes up to there, a prefix of the rewritten rest,
+// the original from where that prefix ends. The length tells the prefix when
+// the file grew; otherwise the shortest that leaves the original's tail is
+// tried (any longer one that fits gives the same bytes). complete: the
+// rewrite must have finished (a failed truncate leaves the old tail).
+bool IsRewriteState(const std::string& file, const std::string& original, const std::string& after,
+                    bool complete)
 {
-    return original.substr(0, at) + source.substr(0, m) +
-           original.substr(std::min(at + m, original.size()));
-}
-
-// Whether file is CopyState(original, at, source, m) for some m: the length
-// tells m when the file grew; otherwise the smallest m that leaves the
-// original's tail is tried (any larger one that fits gives the same bytes).
-bool IsCopyState(const std::string& file, const std::string& original, std::size_t at,
-                 const std::string& source)
-{
-    if (file.size() < original.size())
-        return false;
+    const std::size_t at =
+        std::mismatch(original.begin(), original.end(), after.begin(), after.end()).first -
+        original.begin();
     std::size_t end = file.size();
     if (file.size() == original.size())
         while (end > at && file[end - 1] == original[end - 1])
             --end;
-    const std::size_t m = end - at;
-    return m <= source.size() && CopyState(original, at, source, m) == file;
+    const std::size_t m = complete ? after.size() - at : end - at;
+    return file.size() >= original.size() && m <= after.size() - at &&
+           original.substr(0, at) + after.substr(at, m) +
+                   original.substr(std::min(at + m, original.size())) ==
+               file;
 }
 
 std::string Field(const std::string& marker, const std::string& name)
@@ -175,9 +152,6 @@ std::string Field(const std::string& marker, const std::string& name)
     const std::size_t from = at + name.size() + 2;
     return marker.substr(from, marker.find_first_of(" \n", from) - from);
 }
-
-// Where a fault hit, as far as the expected outcome depends on it.
-enum class Site { NotFired, LogBackEnd, Reply, ErrorLine, OwnerHandOver, Flush, Other };
 
 class FaultWalk : public ::testing::TestWithParam<Job>, protected FilterSandbox
 {
@@ -192,24 +166,11 @@ protected:
                 basedir, std::vector<std::string>{"--add-header", "X-Vorex-Checked: clean"});
     }
 
-    // This environment with the fault library preloaded and its plan.
-    std::vector<std::string> Environment(const std::string& fault, bool trace) const
-    {
-        std::vector<std::string> env = {std::string("LD_PRELOAD=") + VOREX_FAULT_LIBRARY,
-                                        "VOREX_FAULT_MARKER=" + markerPath, "VOREX_FAULT=" + fault,
-                                        "VOREX_FAULT_TRACE=" + (trace ? tracePath : "")};
-        for (char** entry = environ; *entry != nullptr; ++entry)
-            if (std::strncmp(*entry, "LD_PRELOAD=", 11) != 0 &&
-                std::strncmp(*entry, "VOREX_FAULT", 11) != 0)
-                env.push_back(*entry);
-        return env;
-    }
-
     // A fresh spool file and an empty entries folder.
     void Reset()
     {
         WriteFile(spool, GetParam().spool);
-        fs::remove(markerPath);
+        fs::remove(tracePath);
         const fs::path msgs = basedir + "msgs";
         if (fs::exists(msgs))
             for (const fs::directory_entry& entry : fs::directory_iterator(msgs))
@@ -221,7 +182,8 @@ protected:
     std::vector<std::string> StrayPaths() const
     {
         static const std::regex known(
-            R"(base|base/msgs|base/quelt\.sock|base/zmailer\.log|spool|work|base/msgs/[^/]+/\.(envelope|msg))");
+            R"(base|base/msgs|base/quelt\.sock|base/zmailer\.log|spool|work|)"
+            R"(base/msgs/[^/]+/\.(envelope|msg))");
         static const std::regex entry("base/msgs/[^/]+");
         std::vector<std::string> stray;
         for (fs::recursive_directory_iterator it(root), end; it != end; ++it) {
@@ -236,88 +198,97 @@ protected:
     bool JobFails() const { return GetParam().reply.empty(); }
     std::string JobLine() const { return JobFails() ? root + "/missing" : spool; }
 
-    // One run of the job; the played daemon takes one conversation per run.
-    RunResult RunJob(const std::string& fault, bool trace = false)
+    // One run of the job, with the fault library preloaded and the fault
+    // planned; the played daemon takes one conversation per run.
+    RunResult RunJob(const std::string& fault)
     {
         std::unique_ptr<PlayedDaemon> shrinking;
         if (GetParam().shrinking)
             shrinking = std::make_unique<PlayedDaemon>(basedir + "quelt.sock", Shrink);
         std::vector<std::string> args = {"--interface", "1", "--user", user, "-e", "tempfail"};
         args.insert(args.end(), GetParam().extraArgs.begin(), GetParam().extraArgs.end());
-        return RunProgram(Args(args), JobLine() + "\n", work, Environment(fault, trace));
+        return RunProgram(Args(args), JobLine() + "\n", work,
+                          {std::string("LD_PRELOAD=") + VOREX_FAULT_LIBRARY, "VOREX_FAULT=" + fault,
+                           "VOREX_FAULT_TRACE=" + tracePath});
     }
 
-    Site SiteOf(const std::string& family, const std::string& marker) const
+    // The last run's trace: every path it names lies under the root (a
+    // relative name is resolved in a directory opened under it, or in the
+    // working directory, which is checked on its own). Collects the call
+    // families seen; returns the line of the call that failed, if one did.
+    std::string ReadTrace(std::set<std::string>& families) const
     {
-        const std::string caller = Field(marker, "caller");
-        const std::string path = Field(marker, "path");
-        const std::string entries = basedir + "msgs/";
-        if (marker.empty())
-            return Site::NotFired;
-        if (caller.find("libapr") != std::string::npos ||
-            caller.find("liblog4cxx") != std::string::npos)
-            return Site::LogBackEnd;
-        if (family == "write" && Field(marker, "fd") == "1" &&
-            Field(marker, "bytes").rfind("#hungry", 0) != 0)
-            return Site::Reply;
-        if (family == "write" && Field(marker, "fd") == "2")
-            return Site::ErrorLine;
-        if (family == "open" && path.rfind(entries, 0) == 0 &&
-            path.find('/', entries.size()) == std::string::npos)
-            return Site::OwnerHandOver;
-        return family == "fsync" ? Site::Flush : Site::Other;
+        std::string fired;
+        std::istringstream trace(ReadFile(tracePath));
+        for (std::string line; std::getline(trace, line);) {
+            std::string family, number, error;
+            std::istringstream(line) >> family >> number >> error;
+            families.insert(family);
+            if (error != "-")
+                fired = line + "\n";
+            const std::string path = Field(line, "path");
+            EXPECT_TRUE(path.empty() || path[0] != '/' || path.rfind(root + "/", 0) == 0)
+                << "outside the tree: " << line;
+        }
+        return fired;
     }
 
-    // The run answered out, err and status; the files are as without a fault.
-    void ExpectAsClean(const RunResult& run, const std::string& out, const std::string& err,
-                       int status)
+    // The run answered as expected; the files are as the clean run leaves them.
+    void ExpectAsClean(const RunResult& run, const RunResult& expected)
     {
-        EXPECT_EQ(run.out, out);
-        EXPECT_EQ(run.err, err);
-        EXPECT_EQ(run.status, status);
+        EXPECT_EQ(run.out, expected.out);
+        EXPECT_EQ(run.err, expected.err);
+        EXPECT_EQ(run.status, expected.status);
         EXPECT_TRUE(ReadFile(spool) == GetParam().after) << "spool file differs from the clean run";
         EXPECT_EQ(EntryCount(), GetParam().entriesKept);
     }
 
-    // Judges one run; returns a one-letter outcome for the summary: - the
-    // fault never fired, S as without it, L reply lost, E error action.
+    // Judges one run by where the fault hit (the trace line of the failed
+    // call); returns a one-letter outcome for the summary: - the fault never
+    // fired, S as without it, L reply lost, E error action.
     char Judge(const std::string& family, int error, const RunResult& run,
                const std::string& marker)
     {
-        const Site site = SiteOf(family, marker);
-        if (site == Site::NotFired) {
-            ExpectAsClean(run, clean.out, clean.err, clean.status); // past the last call
+        const std::string caller = Field(marker, "caller"), path = Field(marker, "path");
+        const std::string fd = Field(marker, "fd"), entries = basedir + "msgs/";
+        const bool logBackEnd = caller.find("libapr") != std::string::npos ||
+                                caller.find("liblog4cxx") != std::string::npos;
+        if (marker.empty()) {
+            ExpectAsClean(run, clean); // past the last call
             return '-';
         }
-        if ((error == EINTR && RetriedOnEintr.count(family) != 0) || site == Site::OwnerHandOver ||
-            site == Site::Flush || site == Site::LogBackEnd) {
-            // Retried; or ignored by design: SetOwner's failure is logged and
-            // its result ignored, the flush after a rewrite is advisory, a
-            // log line that cannot be written is lost (it never changes an
-            // answer, not even in the failure handler, which logs too). When
-            // log4cxx cannot open its file, it complains on standard error.
+        if ((error == EINTR && RetriedOnEintr.count(family) != 0) || logBackEnd ||
+            family == "fsync" ||
+            (family == "open" && path.rfind(entries, 0) == 0 &&
+             path.find('/', entries.size()) == std::string::npos)) {
+            // Retried; or ignored by design: a log line that cannot be
+            // written is lost (it never changes an answer, not even in the
+            // failure handler, which logs too; when log4cxx cannot open its
+            // file, it complains on standard error), the flush after a
+            // rewrite is advisory, SetOwner's failure (the open of the entry
+            // directory) is logged and its result ignored.
             static const std::regex complaint("log4cxx: [^\n]*\n");
             const std::string err =
-                site == Site::LogBackEnd ? std::regex_replace(run.err, complaint, "") : run.err;
-            ExpectAsClean({run.out, err, run.status}, clean.out, clean.err, clean.status);
+                logBackEnd ? std::regex_replace(run.err, complaint, "") : run.err;
+            ExpectAsClean({run.out, err, run.status}, clean);
             return 'S';
         }
-        if (site == Site::Reply) {
+        if (family == "write" && fd == "1" && Field(marker, "bytes").rfind("#hungry", 0) != 0) {
             // The reply line that the job (or, for a failing job, the
             // driver) wrote is missing; everything else stays.
-            ExpectAsClean(run, JobFails() ? Hungry : Hungry + Hungry, clean.err, clean.status);
+            ExpectAsClean(run, {JobFails() ? Hungry : Hungry + Hungry, clean.err, clean.status});
             return 'L';
         }
-        if (site == Site::ErrorLine) {
+        if (family == "write" && fd == "2") {
             // The driver's standard-error line is lost; reply and status stay.
-            ExpectAsClean(run, clean.out, "", 1);
+            ExpectAsClean(run, {clean.out, "", 1});
             return 'L';
         }
         EXPECT_TRUE(run.err.rfind("error: ", 0) == 0 && run.err.find('\n') == run.err.size() - 1)
             << "standard error: one line \"error: ...\", not: " << run.err;
         if (run.out == Hungry + GetParam().reply + ErrorReply) {
             // Failed after the job's own reply: the job had finished.
-            ExpectAsClean(run, run.out, run.err, 1);
+            ExpectAsClean(run, {run.out, run.err, 1});
             return 'E';
         }
         EXPECT_EQ(run.status, 1);
@@ -325,19 +296,11 @@ protected:
                     run.out == StartUpErrorReply)
             << "standard output: " << run.out;
         EXPECT_EQ(EntryCount(), 0u) << "a failed job withdraws its entry";
-        // The spool file is untouched, or part way through the rewrite from
-        // the first byte the job changes (the write-back of the message part,
-        // or the rest moving up over the hash line); a failed truncate leaves
-        // the rewrite complete and the old tail behind it.
-        const Job& job = GetParam();
-        const std::size_t at =
-            std::mismatch(job.spool.begin(), job.spool.end(), job.after.begin(), job.after.end())
-                .first -
-            job.spool.begin();
-        const std::string file = ReadFile(spool);
-        const std::string source = job.after.substr(at);
-        EXPECT_TRUE(family == "truncate" ? file == CopyState(job.spool, at, source, source.size())
-                                         : IsCopyState(file, job.spool, at, source))
+        // The spool file is untouched, or part way through the rewrite: the
+        // write-back of the message part, or the rest moving up over the
+        // hash line.
+        EXPECT_TRUE(IsRewriteState(ReadFile(spool), GetParam().spool, GetParam().after,
+                                   family == "truncate"))
             << "spool file damaged beyond its documented states";
         return 'E';
     }
@@ -345,7 +308,6 @@ protected:
     TempDir scratch;
     const std::string work = root + "/work";
     const std::string spool = root + "/spool";
-    const std::string markerPath = scratch / "marker";
     const std::string tracePath = scratch / "trace";
     std::string user;
     std::unique_ptr<RefDaemon> refd;
@@ -356,29 +318,17 @@ TEST_P(FaultWalk, EveryFailurePointKeepsMailSafe)
 {
     const Job& job = GetParam();
 
-    // Without a fault: the job's reply, the spool file as the job leaves it,
-    // and only paths under the test's root touched. The trace names the call
-    // families to walk.
+    // Without a fault: the job's reply, the spool file as the job leaves it.
+    // The trace names the call families to walk.
     Reset();
-    clean = RunJob("", true);
-    ASSERT_FALSE(clean.hung);
-    ASSERT_EQ(clean.out, JobFails() ? Hungry + ErrorReply : Hungry + job.reply + Hungry);
-    ASSERT_EQ(clean.err, JobFails() ? "error: can not open file " + JobLine() +
-                                          " for read/write:No such file or directory\n"
-                                    : "");
-    ASSERT_EQ(clean.status, JobFails() ? 1 : 0);
-    ASSERT_EQ(EntryCount(), job.entriesKept);
-    ASSERT_TRUE(ReadFile(spool) == job.after) << "the spool file after the clean run";
-    std::set<std::string> families;
-    std::istringstream trace(ReadFile(tracePath));
-    for (std::string line; std::getline(trace, line);) {
-        families.insert(line.substr(0, line.find(' ')));
-        const std::string path = Field(line, "path");
-        // A relative name is resolved in a directory opened under the root
-        // (or the working directory, which is checked below).
-        EXPECT_TRUE(path.empty() || path[0] != '/' || path.rfind(root + "/", 0) == 0)
-            << "outside the tree: " << line;
-    }
+    clean = RunJob("");
+    const std::string missing =
+        "error: can not open file " + JobLine() + " for read/write:No such file or directory\n";
+    ExpectAsClean(clean, JobFails() ? RunResult{Hungry + ErrorReply, missing, 1}
+                                    : RunResult{Hungry + job.reply + Hungry, "", 0});
+    ASSERT_FALSE(HasFailure()) << "the clean run";
+    std::set<std::string> families, seen;
+    ReadTrace(families);
     ASSERT_TRUE(families.count("write") != 0) << "no trace of the clean run";
     EXPECT_EQ(StrayPaths(), std::vector<std::string>());
 
@@ -393,7 +343,7 @@ TEST_P(FaultWalk, EveryFailurePointKeepsMailSafe)
                     family + ":" + std::to_string(n) + ":" + std::to_string(error);
                 Reset();
                 const RunResult run = RunJob(fault);
-                const std::string marker = ReadFile(markerPath);
+                const std::string marker = ReadTrace(seen);
                 SCOPED_TRACE(std::string(job.name) + " " + fault + " (" + std::strerror(error) +
                              ") fired at: " + (marker.empty() ? "(nothing)\n" : marker) +
                              "stdout: " + run.out + "stderr: " + run.err);
@@ -413,8 +363,6 @@ TEST_P(FaultWalk, EveryFailurePointKeepsMailSafe)
 }
 
 INSTANTIATE_TEST_SUITE_P(Jobs, FaultWalk, ::testing::ValuesIn(Jobs),
-                         [](const ::testing::TestParamInfo<Job>& info) {
-                             return std::string(info.param.name);
-                         });
+                         ::testing::PrintToStringParamName());
 
 } // namespace
