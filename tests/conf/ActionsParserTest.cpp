@@ -40,7 +40,6 @@ TEST(ErrorAction, ValuesAcceptedAndRefusedWithTheirLogLines)
         {{" Pass\t"}, "pass", ""},
         {{"\r\v\f TempFail \n"}, "tempfail", ""},
         {{"continue"}, "", wrong("continue")},
-        {{"re ject"}, "", wrong("re ject")},
         {{""}, "", wrong("")},
         {{"redirect(x)"}, "",
          "DEBUG conf - catch redirect address =x for param redirect\n" + wrong("redirect(x)")},

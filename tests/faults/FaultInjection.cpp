@@ -92,14 +92,15 @@ bool Fire(const char* family, const char* function, void* caller, int fd,
 
 // The interposer of `name` (Params, called on with the names that follow):
 // fails with `failed` when the fault fires for family, passes the call on to
-// the real function otherwise. site: Fire's arguments after the caller.
+// the real function otherwise. site: Fire's arguments after the caller (a
+// descriptor, a path, the bytes of a write).
 #define SITE(...) __VA_ARGS__
 #define INTERPOSE(Ret, name, family, failed, site, Params, ...)                                    \
     Ret name Params                                                                                \
     {                                                                                              \
         static auto real = Real<Ret(*) Params>(#name);                                             \
-        return Fire(family, #name, __builtin_return_address(0), SITE site) ? failed                \
-                                                                           : real(__VA_ARGS__);    \
+        return Fire(#family, #name, __builtin_return_address(0), SITE site) ? failed               \
+                                                                            : real(__VA_ARGS__);   \
     }
 
 // The open calls, whose mode argument is there only with O_CREAT or O_TMPFILE.
@@ -112,43 +113,38 @@ bool Fire(const char* family, const char* function, void* caller, int fd,
         const mode_t mode = withMode ? static_cast<mode_t>(va_arg(args, int)) : 0;                 \
         va_end(args);                                                                              \
         static auto real = Real<int(*) Params>(#name);                                             \
-        return Fire(family, #name, __builtin_return_address(0), -1, path)                          \
+        return Fire(#family, #name, __builtin_return_address(0), -1, path)                         \
                    ? -1                                                                            \
                    : real(__VA_ARGS__, mode);                                                      \
     }
 
 extern "C" {
 
-INTERPOSE_OPEN(open, "open", (const char* path, int flags, ...), path, flags)
-INTERPOSE_OPEN(open64, "open", (const char* path, int flags, ...), path, flags)
-INTERPOSE_OPEN(openat, "openat", (int dir, const char* path, int flags, ...), dir, path, flags)
-INTERPOSE_OPEN(openat64, "openat", (int dir, const char* path, int flags, ...), dir, path, flags)
-INTERPOSE(ssize_t, read, "read", -1, (fd), (int fd, void* to, size_t n), fd, to, n)
-INTERPOSE(ssize_t, write, "write", -1, (fd, nullptr, from, n), (int fd, const void* from, size_t n),
-          fd, from, n)
-INTERPOSE(off_t, lseek, "lseek", -1, (fd), (int fd, off_t at, int whence), fd, at, whence)
-INTERPOSE(off64_t, lseek64, "lseek", -1, (fd), (int fd, off64_t at, int whence), fd, at, whence)
-INTERPOSE(int, fstat, "fstat", -1, (fd), (int fd, struct stat* status), fd, status)
-INTERPOSE(int, fstat64, "fstat", -1, (fd), (int fd, struct stat64* status), fd, status)
-INTERPOSE(ssize_t, copy_file_range, "copy_file_range", -1, (in),
-          (int in, off64_t* inAt, int out, off64_t* outAt, size_t n, unsigned flags), in, inAt, out,
-          outAt, n, flags)
-INTERPOSE(int, truncate, "truncate", -1, (-1, path), (const char* path, off_t n), path, n)
-INTERPOSE(int, truncate64, "truncate", -1, (-1, path), (const char* path, off64_t n), path, n)
-INTERPOSE(int, fsync, "fsync", -1, (fd), (int fd), fd)
-INTERPOSE(int, mkdir, "mkdir", -1, (-1, path), (const char* path, mode_t mode), path, mode)
-INTERPOSE(int, mkdirat, "mkdir", -1, (-1, path), (int dir, const char* path, mode_t mode), dir,
-          path, mode)
-INTERPOSE(int, connect, "connect", -1, (fd), (int fd, const struct sockaddr* to, socklen_t n), fd,
-          to, n)
-INTERPOSE(ssize_t, send, "send", -1, (fd, nullptr, from, n),
-          (int fd, const void* from, size_t n, int flags), fd, from, n, flags)
-INTERPOSE(ssize_t, recv, "recv", -1, (fd), (int fd, void* to, size_t n, int flags), fd, to, n,
-          flags)
-INTERPOSE(FILE*, fopen, "fopen", nullptr, (-1, path), (const char* path, const char* mode), path,
-          mode)
-INTERPOSE(FILE*, fopen64, "fopen", nullptr, (-1, path), (const char* path, const char* mode), path,
-          mode)
+INTERPOSE_OPEN(open, open, (const char* path, int flags, ...), path, flags)
+INTERPOSE_OPEN(open64, open, (const char* path, int flags, ...), path, flags)
+INTERPOSE_OPEN(openat, openat, (int dir, const char* path, int flags, ...), dir, path, flags)
+INTERPOSE_OPEN(openat64, openat, (int dir, const char* path, int flags, ...), dir, path, flags)
+INTERPOSE(ssize_t, read, read, -1, (fd), (int fd, void* b, size_t n), fd, b, n)
+INTERPOSE(ssize_t, write, write, -1, (fd, nullptr, b, n), (int fd, const void* b, size_t n), fd, b,
+          n)
+INTERPOSE(off_t, lseek, lseek, -1, (fd), (int fd, off_t at, int w), fd, at, w)
+INTERPOSE(off64_t, lseek64, lseek, -1, (fd), (int fd, off64_t at, int w), fd, at, w)
+INTERPOSE(int, fstat, fstat, -1, (fd), (int fd, struct stat* st), fd, st)
+INTERPOSE(int, fstat64, fstat, -1, (fd), (int fd, struct stat64* st), fd, st)
+INTERPOSE(ssize_t, copy_file_range, copy_file_range, -1, (in),
+          (int in, off64_t* inAt, int out, off64_t* outAt, size_t n, unsigned f), in, inAt, out,
+          outAt, n, f)
+INTERPOSE(int, truncate, truncate, -1, (-1, path), (const char* path, off_t n), path, n)
+INTERPOSE(int, truncate64, truncate, -1, (-1, path), (const char* path, off64_t n), path, n)
+INTERPOSE(int, fsync, fsync, -1, (fd), (int fd), fd)
+INTERPOSE(int, mkdir, mkdir, -1, (-1, path), (const char* path, mode_t m), path, m)
+INTERPOSE(int, mkdirat, mkdir, -1, (-1, path), (int dir, const char* path, mode_t m), dir, path, m)
+INTERPOSE(int, connect, connect, -1, (fd), (int fd, const sockaddr* to, socklen_t n), fd, to, n)
+INTERPOSE(ssize_t, send, send, -1, (fd, nullptr, b, n), (int fd, const void* b, size_t n, int f),
+          fd, b, n, f)
+INTERPOSE(ssize_t, recv, recv, -1, (fd), (int fd, void* b, size_t n, int f), fd, b, n, f)
+INTERPOSE(FILE*, fopen, fopen, nullptr, (-1, path), (const char* path, const char* m), path, m)
+INTERPOSE(FILE*, fopen64, fopen, nullptr, (-1, path), (const char* path, const char* m), path, m)
 
 int fclose(FILE* stream)
 {
