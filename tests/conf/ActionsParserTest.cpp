@@ -15,9 +15,7 @@
 namespace
 {
 
-using QueltConf::ActionsParser;
-using QueltConf::QueltAction;
-using QueltConf::QueltConfParser;
+using namespace QueltConf;
 
 TEST(ErrorAction, ValuesAcceptedAndRefusedWithTheirLogLines)
 {
@@ -66,7 +64,7 @@ TEST(ErrorAction, ValuesAcceptedAndRefusedWithTheirLogLines)
     for (const auto& row : rows) {
         SCOPED_TRACE(row.items.empty() ? "no items" : row.items[0]);
         QueltConfParser holder;
-        holder.SetObjects({ActionsParser::OlValue(QueltConf::MakeProcessingErrors(), 0)});
+        holder.SetObjects({ActionsParser::OlValue(MakeProcessingErrors(), 0)});
         holder.GetParser().SetDefaults();
         holder.GetParser().GetObjects()[0].m_values = row.items;
         // A context of our own keeps the captured lines independent of how
@@ -82,7 +80,7 @@ TEST(ErrorAction, ValuesAcceptedAndRefusedWithTheirLogLines)
     }
     // A list without a main action (here: no defaults set) has no answer.
     QueltConfParser holder;
-    holder.SetObjects({ActionsParser::OlValue(QueltConf::MakeProcessingErrors(), 0)});
+    holder.SetObjects({ActionsParser::OlValue(MakeProcessingErrors(), 0)});
     EXPECT_THROW(holder.GetMainAction(0), std::invalid_argument);
 }
 

@@ -144,13 +144,10 @@ bool IsRewriteState(const std::string& file, const std::string& original, const 
                file;
 }
 
-std::string Field(const std::string& marker, const std::string& name)
+std::string Field(const std::string& line, const std::string& name)
 {
-    const std::size_t at = marker.find(" " + name + "=");
-    if (at == std::string::npos)
-        return "";
-    const std::size_t from = at + name.size() + 2;
-    return marker.substr(from, marker.find_first_of(" \n", from) - from);
+    std::smatch match;
+    return std::regex_search(line, match, std::regex(" " + name + "=(\\S*)")) ? match[1].str() : "";
 }
 
 class FaultWalk : public ::testing::TestWithParam<Job>, protected FilterSandbox
@@ -164,17 +161,6 @@ protected:
         if (!GetParam().shrinking)
             refd = std::make_unique<RefDaemon>(
                 basedir, std::vector<std::string>{"--add-header", "X-Vorex-Checked: clean"});
-    }
-
-    // A fresh spool file and an empty entries folder.
-    void Reset()
-    {
-        WriteFile(spool, GetParam().spool);
-        fs::remove(tracePath);
-        const fs::path msgs = basedir + "msgs";
-        if (fs::exists(msgs))
-            for (const fs::directory_entry& entry : fs::directory_iterator(msgs))
-                fs::remove_all(entry.path());
     }
 
     // Everything under the test's root that is neither the base directory's
@@ -198,39 +184,44 @@ protected:
     bool JobFails() const { return GetParam().reply.empty(); }
     std::string JobLine() const { return JobFails() ? root + "/missing" : spool; }
 
-    // One run of the job, with the fault library preloaded and the fault
-    // planned; the played daemon takes one conversation per run.
+    // One run of the job, from a fresh spool file and an empty entries
+    // folder, with the fault library preloaded and the fault planned; the
+    // played daemon takes one conversation per run. Then the run's trace:
+    // every path it names lies under the root (a relative name is resolved
+    // in a directory opened under it, or in the working directory, which is
+    // checked on its own); fired becomes the line of the call that failed,
+    // if one did; the clean run's trace names the call families to walk.
     RunResult RunJob(const std::string& fault)
     {
+        WriteFile(spool, GetParam().spool);
+        fs::remove(tracePath);
+        const fs::path msgs = basedir + "msgs";
+        if (fs::exists(msgs))
+            for (const fs::directory_entry& entry : fs::directory_iterator(msgs))
+                fs::remove_all(entry.path());
         std::unique_ptr<PlayedDaemon> shrinking;
         if (GetParam().shrinking)
             shrinking = std::make_unique<PlayedDaemon>(basedir + "quelt.sock", Shrink);
         std::vector<std::string> args = {"--interface", "1", "--user", user, "-e", "tempfail"};
         args.insert(args.end(), GetParam().extraArgs.begin(), GetParam().extraArgs.end());
-        return RunProgram(Args(args), JobLine() + "\n", work,
-                          {std::string("LD_PRELOAD=") + VOREX_FAULT_LIBRARY, "VOREX_FAULT=" + fault,
-                           "VOREX_FAULT_TRACE=" + tracePath});
-    }
-
-    // The last run's trace: every path it names lies under the root (a
-    // relative name is resolved in a directory opened under it, or in the
-    // working directory, which is checked on its own). Collects the call
-    // families seen; returns the line of the call that failed, if one did.
-    std::string ReadTrace(std::set<std::string>& families) const
-    {
-        std::string fired;
+        const RunResult run =
+            RunProgram(Args(args), JobLine() + "\n", work,
+                       {std::string("LD_PRELOAD=") + VOREX_FAULT_LIBRARY, "VOREX_FAULT=" + fault,
+                        "VOREX_FAULT_TRACE=" + tracePath});
+        fired.clear();
         std::istringstream trace(ReadFile(tracePath));
         for (std::string line; std::getline(trace, line);) {
             std::string family, number, error;
             std::istringstream(line) >> family >> number >> error;
-            families.insert(family);
+            if (fault.empty())
+                families.insert(family);
             if (error != "-")
                 fired = line + "\n";
             const std::string path = Field(line, "path");
             EXPECT_TRUE(path.empty() || path[0] != '/' || path.rfind(root + "/", 0) == 0)
                 << "outside the tree: " << line;
         }
-        return fired;
+        return run;
     }
 
     // The run answered as expected; the files are as the clean run leaves them.
@@ -243,17 +234,16 @@ protected:
         EXPECT_EQ(EntryCount(), GetParam().entriesKept);
     }
 
-    // Judges one run by where the fault hit (the trace line of the failed
-    // call); returns a one-letter outcome for the summary: - the fault never
+    // Judges one run by where the fault hit (fired, the trace line of the
+    // failed call); returns a one-letter outcome for the summary: - the fault never
     // fired, S as without it, L reply lost, E error action.
-    char Judge(const std::string& family, int error, const RunResult& run,
-               const std::string& marker)
+    char Judge(const std::string& family, int error, const RunResult& run)
     {
-        const std::string caller = Field(marker, "caller"), path = Field(marker, "path");
-        const std::string fd = Field(marker, "fd"), entries = basedir + "msgs/";
+        const std::string caller = Field(fired, "caller"), path = Field(fired, "path");
+        const std::string fd = Field(fired, "fd"), entries = basedir + "msgs/";
         const bool logBackEnd = caller.find("libapr") != std::string::npos ||
                                 caller.find("liblog4cxx") != std::string::npos;
-        if (marker.empty()) {
+        if (fired.empty()) {
             ExpectAsClean(run, clean); // past the last call
             return '-';
         }
@@ -273,7 +263,7 @@ protected:
             ExpectAsClean({run.out, err, run.status}, clean);
             return 'S';
         }
-        if (family == "write" && fd == "1" && Field(marker, "bytes").rfind("#hungry", 0) != 0) {
+        if (family == "write" && fd == "1" && Field(fired, "bytes").rfind("#hungry", 0) != 0) {
             // The reply line that the job (or, for a failing job, the
             // driver) wrote is missing; everything else stays.
             ExpectAsClean(run, {JobFails() ? Hungry : Hungry + Hungry, clean.err, clean.status});
@@ -312,6 +302,8 @@ protected:
     std::string user;
     std::unique_ptr<RefDaemon> refd;
     RunResult clean;
+    std::set<std::string> families;
+    std::string fired;
 };
 
 TEST_P(FaultWalk, EveryFailurePointKeepsMailSafe)
@@ -319,16 +311,12 @@ TEST_P(FaultWalk, EveryFailurePointKeepsMailSafe)
     const Job& job = GetParam();
 
     // Without a fault: the job's reply, the spool file as the job leaves it.
-    // The trace names the call families to walk.
-    Reset();
     clean = RunJob("");
     const std::string missing =
         "error: can not open file " + JobLine() + " for read/write:No such file or directory\n";
     ExpectAsClean(clean, JobFails() ? RunResult{Hungry + ErrorReply, missing, 1}
                                     : RunResult{Hungry + job.reply + Hungry, "", 0});
     ASSERT_FALSE(HasFailure()) << "the clean run";
-    std::set<std::string> families, seen;
-    ReadTrace(families);
     ASSERT_TRUE(families.count("write") != 0) << "no trace of the clean run";
     EXPECT_EQ(StrayPaths(), std::vector<std::string>());
 
@@ -341,19 +329,17 @@ TEST_P(FaultWalk, EveryFailurePointKeepsMailSafe)
                 ASSERT_LT(n, WalkBound) << family << ":" << error << " never stopped firing";
                 const std::string fault =
                     family + ":" + std::to_string(n) + ":" + std::to_string(error);
-                Reset();
                 const RunResult run = RunJob(fault);
-                const std::string marker = ReadTrace(seen);
                 SCOPED_TRACE(std::string(job.name) + " " + fault + " (" + std::strerror(error) +
-                             ") fired at: " + (marker.empty() ? "(nothing)\n" : marker) +
+                             ") fired at: " + (fired.empty() ? "(nothing)\n" : fired) +
                              "stdout: " + run.out + "stderr: " + run.err);
                 ASSERT_FALSE(run.hung) << "the filter hung";
-                outcomes += Judge(family, error, run, marker);
+                outcomes += Judge(family, error, run);
                 EXPECT_EQ(StrayPaths(), std::vector<std::string>());
                 EXPECT_TRUE(fs::is_empty(work)) << "written into the working directory";
                 if (HasFailure())
                     return;
-                if (marker.empty())
+                if (fired.empty())
                     break;
             }
         }

@@ -29,28 +29,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     text.erase(std::remove_if(text.begin(), text.end(), [](char c) { return c == 0 || c == '\n'; }),
                text.end());
     Mail mail;
-    switch (data[0] % 3) {
-    case 0:
+    if (data[0] % 3 == 0) {
         // The rest of a "from " or "to " line, line end included unless the
         // line was cut at the buffer's end.
         if (data[0] & 0x80)
             text += '\n';
         RfUtils::MakeAddress(text);
         mail.recipients = {text};
-        break;
-    case 1:
+    } else if (data[0] % 3 == 1) {
         boost::algorithm::trim(text);
         Mail::AddRushechkiToAddress(text);
         mail.recipients = {text};
-        break;
-    default: {
+    } else {
         std::vector<std::string> items;
         boost::algorithm::split(items, text, boost::algorithm::is_any_of(","));
         for (std::string& item : items)
             boost::algorithm::trim(item);
         mail.SetToField(items);
-        break;
-    }
     }
     for (const std::string& address : mail.recipients)
         if (address.size() < 2 || address.front() != '<' || address.back() != '>' ||
