@@ -5,43 +5,23 @@
 // the items, GetMainAction must find a main action for both categories
 // (every action a first item may name there is a main action). Logging runs
 // at debug level into /dev/null so that every fault text is composed.
+#include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/split.hpp>
+
 #include "platform/log/LogClass.h"
 #include "shared/conf/QueltConfParser.h"
 
-namespace
-{
-
-std::vector<std::string> SplitItems(const std::string& text)
-{
-    std::vector<std::string> items;
-    std::string item;
-    for (char c : text) {
-        if (c == '\0' || c == '\n') {
-            items.push_back(item);
-            item.clear();
-        } else {
-            item += c;
-        }
-    }
-    if (!item.empty())
-        items.push_back(item);
-    return items;
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    if (!Log.Initialize("/dev/null", "debug", "mail", false, false, "%-7r [%t] %-5p %x - %m%n")) {
-        std::fputs("action_parser: cannot set up logging\n", stderr);
+    // Without logging, fault texts would go uncomposed: stop at once.
+    if (!Log.Initialize("/dev/null", "debug", "mail", false, false, "%-7r [%t] %-5p %x - %m%n"))
         std::abort();
-    }
     return 0;
 }
 
@@ -49,8 +29,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
     if (size == 0)
         return 0;
-    std::vector<std::string> items =
-        SplitItems(std::string(reinterpret_cast<const char*>(data) + 1, size - 1));
+    std::vector<std::string> items;
+    boost::algorithm::split(items, std::string(reinterpret_cast<const char*>(data) + 1, size - 1),
+                            boost::algorithm::is_any_of(std::string("\n\0", 2)));
     const std::size_t firstCount = std::min<std::size_t>(data[0] % 8, items.size());
 
     QueltConf::QueltConfParser rules;

@@ -5,6 +5,7 @@
 // trimmed From value and Mail::SetToField the comma-split, trimmed items of
 // a To header (neither with a line feed). Traps unless every result is in
 // the record's address form: "<", the address, ">", no line end inside.
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -18,63 +19,39 @@
 #include "platform/receiver/Mail.h"
 #include "platform/receiver/RfUtils.h"
 
-namespace
-{
-
-void Check(const std::string& address)
-{
-    if (address.size() < 2 || address.front() != '<' || address.back() != '>' ||
-        address.find('\n') != std::string::npos) {
-        std::fprintf(stderr, "address: not in address form: '%s'\n", address.c_str());
-        std::abort();
-    }
-}
-
-// Text as a line reader delivers it: no NUL (the readers work on C strings)
-// and no line feed.
-std::string LineText(const uint8_t* data, std::size_t size)
-{
-    std::string text;
-    for (std::size_t i = 0; i < size; ++i)
-        if (data[i] != '\0' && data[i] != '\n')
-            text += static_cast<char>(data[i]);
-    return text;
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
     if (size == 0)
         return 0;
-    std::string text = LineText(data + 1, size - 1);
-    switch (data[0] % 3) {
-    case 0: {
+    // Text as a line reader delivers it: no NUL (the readers work on C
+    // strings) and no line feed.
+    std::string text(reinterpret_cast<const char*>(data) + 1, size - 1);
+    text.erase(std::remove_if(text.begin(), text.end(), [](char c) { return c == 0 || c == '\n'; }),
+               text.end());
+    Mail mail;
+    if (data[0] % 3 == 0) {
         // The rest of a "from " or "to " line, line end included unless the
         // line was cut at the buffer's end.
         if (data[0] & 0x80)
             text += '\n';
         RfUtils::MakeAddress(text);
-        Check(text);
-        break;
-    }
-    case 1:
-        boost::algorithm::trim_if(text, boost::algorithm::is_space());
+        mail.recipients = {text};
+    } else if (data[0] % 3 == 1) {
+        boost::algorithm::trim(text);
         Mail::AddRushechkiToAddress(text);
-        Check(text);
-        break;
-    default: {
+        mail.recipients = {text};
+    } else {
         std::vector<std::string> items;
-        boost::algorithm::split(items, text, boost::algorithm::is_any_of(","),
-                                boost::algorithm::token_compress_off);
+        boost::algorithm::split(items, text, boost::algorithm::is_any_of(","));
         for (std::string& item : items)
-            boost::algorithm::trim_if(item, boost::algorithm::is_space());
-        Mail mail;
+            boost::algorithm::trim(item);
         mail.SetToField(items);
-        for (const std::string& recipient : mail.recipients)
-            Check(recipient);
-        break;
     }
-    }
+    for (const std::string& address : mail.recipients)
+        if (address.size() < 2 || address.front() != '<' || address.back() != '>' ||
+            address.find('\n') != std::string::npos) {
+            std::fprintf(stderr, "address: not in address form: '%s'\n", address.c_str());
+            std::abort();
+        }
     return 0;
 }
