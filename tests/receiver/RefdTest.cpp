@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include "ReceiverFixture.h"
+#include "support/ChildProcess.h"
 #include "support/PlayedDaemon.h"
 #include "support/RefDaemon.h"
 #include "support/Replies.h"
@@ -129,6 +130,29 @@ TEST_F(QueltRefd, CheckFindsTheSetUpWellOrSaysWhatToFix)
     EXPECT_NE(out.find("fix: chown root:nogroup " + msgs + " && chmod 1770 " + msgs + "\n"),
               std::string::npos)
         << out;
+}
+
+// Each refused value names itself on the first line and ends with status 2,
+// before anything is bound.
+TEST_F(QueltRefd, RefusesBadOptions)
+{
+    const std::vector<std::vector<std::string>> rows = {
+        {"--max-checks", "0", "--max-checks needs at least 1"},
+        {"--facility", "nowhere", "unknown --facility nowhere"},
+        {"--engine-timeout", "0", "--engine-timeout needs at least 1"},
+        {"--add-header", "no colon", "--add-header needs one line 'Name: value'"},
+        {"--note", "a\nb", "--note must be one line"},
+        {"--limits-exceeded", "maybe", "--limits-exceeded needs reject, tempfail or pass"},
+        {"--spam-reject", "x", "--spam-reject needs a score such as 10 or 7.5"},
+        {"--spam-reject", "5", "--spam-reject needs --spamd"},
+        {"--verdict", "-1", "--verdict needs a number from 0 to 4294967295"},
+    };
+    for (const auto& row : rows) {
+        std::string err;
+        ChildProcess daemon({QUELT_REFD, "--basedir", Base(), row[0], row[1]});
+        EXPECT_EQ(daemon.Wait(nullptr, &err), 2) << row[0];
+        EXPECT_EQ(err.substr(0, err.find('\n')), "quelt-refd: " + row[2]);
+    }
 }
 
 } // namespace
