@@ -19,6 +19,9 @@ public:
         path = boost::filesystem::temp_directory_path() /
                boost::filesystem::unique_path("vorex-test-%%%%-%%%%-%%%%");
         boost::filesystem::create_directories(path);
+        // 0755 whatever the umask (the coverage run uses 0): the daemon's
+        // --check refuses a base directory anybody may write.
+        boost::filesystem::permissions(path, boost::filesystem::perms(0755));
     }
     ~TempDir()
     {
