@@ -31,10 +31,11 @@ const std::string M = "From: Alice <alice@example.org>\nTo: bob@example.net\nSub
                       "Hello Bob.\n";
 const std::string S = E + M;
 const std::string Oops = " Internal error\n";
-// The played daemon's answer that means nobody listens, and what it may do
-// to the entry before answering besides writing .msg anew.
-const std::string NoDaemon = "", Keep = "\1keep", Missing = "\1missing", Nested = "\1nested",
-                  TooDeep = "\1deep";
+// The played daemon's answers that mean nobody listens, a socket file nobody
+// listens on, a listener that never answers; and what it may do to the entry
+// before answering besides writing .msg anew.
+const std::string NoDaemon = "", Stale = "\1stale", Silent = "\1silent";
+const std::string Keep = "\1keep", Missing = "\1missing", Nested = "\1nested", TooDeep = "\1deep";
 
 struct Expect {
     std::string out, err;
@@ -50,6 +51,7 @@ struct Row {
     Expect expect;
     std::size_t entries = 0;
     std::string after = "", copy = Keep, input = "{spool}\n";
+    std::string logged = ""; // a text the log holds
     bool Rewrites() const { return copy.rfind('\1', 0) != 0; }
 };
 
@@ -74,6 +76,12 @@ std::vector<Row> Rows()
         return Refused(RejectLine, cause, before);
     };
     const Expect pass = Replied(PassLine), reject = Replied(RejectLine);
+    auto Logged = [](Row row, std::string text) {
+        row.logged = std::move(text);
+        return row;
+    };
+    const std::string at = " at {base}quelt.sock", bad = "bad verdict flags", a(8189, 'a');
+    const std::string unknown = "-1 550 5.7.1 Unknown action code ";
     return {
         {"pass", "", "1 clean\n", S, Replied(PassLine + " clean")},
         {"daemonError", "", "33\n", S, Failed(quelt)},
@@ -105,6 +113,32 @@ std::vector<Row> Rows()
         {"interfaceZero", "--interface 0", "1\n", S, Ran(PassLine + "\n")},
         {"routerStageReadsNoInput", router, "4\n", S, Ran(TempfailLine + "\n"), 1},
         {"routerStageHashPass", router, NoDaemon, E + hash + M, Ran(PassLine + "\n"), 0, S},
+        // The first of the pass, reject, tempfail and discard bits wins;
+        // without any, the value is the action code. The daemon's line is
+        // read as far as its line feed, up to 8192 bytes.
+        {"passBitWins", "", "3\n", S, pass},
+        {"rejectBeforeTempfail", "", "6\n", S, reject, 1},
+        {"tempfailBeforeDiscard", "", "12\n", S, Replied(TempfailLine), 1},
+        {"unknownActionCode", "", "16 x\n", S, Replied(unknown + "16 in Vorex Quelt! x"), 1},
+        {"highBitAsSignedCode", "", "2147483648\n", S,
+         Replied(unknown + "-2147483648 in Vorex Quelt!"), 1},
+        {"carriageReturnDropped", "", "513 clean\r\n", S, Replied(PassLine + " clean")},
+        {"noteKeepsItsBlanks", "", "2 a  b \n", S, Replied(RejectLine + " a  b "), 1},
+        {"bytesAfterTheLineIgnored", "", "4 later\nnoise", S, Replied(TempfailLine + " later"), 1},
+        {"lineOfExactlyTheLimit", "", "1 " + a + "\n", S, Replied(PassLine + " " + a)},
+        Logged({"highestFlags", "", "4294967295\n", S, Failed(quelt)}, "daemon verdict 4294967295"),
+        Logged({"lineBeyondTheLimit", "", "1 " + a + "a\n", S, Failed(quelt)},
+               "longer than 8192 bytes"),
+        Logged({"outOfRange", "", "4294967296 x\n", S, Failed(quelt)}, bad + " from daemon" + at),
+        Logged({"negative", "", "-1 x\n", S, Failed(quelt)}, bad),
+        Logged({"tabAfterFlags", "", "1\tclean\n", S, Failed(quelt)}, bad),
+        Logged({"emptyLine", "", "\n", S, Failed(quelt)}, bad),
+        Logged({"closedMidLine", "", "1 clean", S, Failed(quelt)},
+               "closed the connection before a full answer"),
+        Logged({"nobodyListens", "", Stale, S, Failed(quelt)},
+               "can not connect to daemon" + at + ":Connection refused"),
+        Logged({"silent", "--timeout 1", Silent, S, Failed(quelt)},
+               "no answer from daemon" + at + " within 1 s"),
         {"versionBeforeAnyCheck", "--timeout 0 --version --ipclevel loud", NoDaemon, S,
          Ran("vorex-zmailer - version 6.0.2.7\n")},
         // Until the options are read the error action is pass; then the
@@ -114,7 +148,8 @@ std::vector<Row> Rows()
         {"unknownUser", "--user nobody-here", NoDaemon, S, Refused(RejectLine, noUser)},
         {"noBaseDir", "--basedir /nonexistent/base", NoDaemon, S,
          Refused(RejectLine, "can not initialize Receiver module")},
-        {"daemonDown", "--interface 0 -e discard", NoDaemon, S, Refused(DiscardLine, quelt)},
+        Logged({"daemonDown", "--interface 0 -e discard", NoDaemon, S, Refused(DiscardLine, quelt)},
+               "can not connect to daemon" + at + ":No such file or directory"),
         // A failed job ends the run after the replies before it; a job line
         // is only ever a path, and the job sees its first 4,111 bytes only.
         {"missingFileAfterAGoodJob", "", "1\n", S,
@@ -136,8 +171,10 @@ protected:
 
     std::string Fill(std::string text) const
     {
-        for (const auto& field :
-             {std::make_pair("{spool}", spool), {"{root}", root}, {"{entry}", entry}})
+        for (const auto& field : {std::make_pair("{spool}", spool),
+                                  {"{root}", root},
+                                  {"{entry}", entry},
+                                  {"{base}", basedir}})
             for (std::size_t at; (at = text.find(field.first)) != std::string::npos;)
                 text.replace(at, std::strlen(field.first), field.second);
         return text;
@@ -178,9 +215,16 @@ TEST_F(FilterRun, EachJobAnswersAndLeavesItsFiles)
         RunResult run;
         {
             std::unique_ptr<PlayedDaemon> daemon;
-            if (row.answer != NoDaemon)
+            const bool bare = row.answer == Stale || row.answer == Silent;
+            const int listener = bare ? PlayedDaemon::ListenOn(basedir + "quelt.sock") : -1;
+            if (row.answer == Stale)
+                ::close(listener);
+            else if (row.answer != NoDaemon && !bare)
                 daemon = std::make_unique<PlayedDaemon>(
                     basedir + "quelt.sock", [&](const std::string& request) {
+                        EXPECT_TRUE(std::regex_match(
+                            request, std::regex("CHECK " + basedir + "msgs/[^/\n]+\n")))
+                            << request;
                         entry = request.substr(6, request.size() - 7);
                         const std::string tree = row.copy == Nested ? "/a/b/c" : Deep;
                         if ((row.copy == Nested || row.copy == TooDeep) &&
@@ -193,6 +237,8 @@ TEST_F(FilterRun, EachJobAnswersAndLeavesItsFiles)
                         return row.answer;
                     });
             run = RunProgram(Args(args), Fill(row.input), work);
+            if (row.answer == Silent)
+                ::close(listener);
         }
         EXPECT_EQ(run.out, Fill(row.expect.out));
         EXPECT_EQ(run.err, Fill(row.expect.err));
@@ -208,6 +254,7 @@ TEST_F(FilterRun, EachJobAnswersAndLeavesItsFiles)
                                   " env_size=" + std::to_string(E.size()) + "\n";
         EXPECT_TRUE(!row.Rewrites() || ReadFile(log).find(sizes) != std::string::npos) << sizes;
         EXPECT_TRUE(!fs::exists(log) || (ModeOf(log) & 0007) == 0) << "the log is not others'";
+        EXPECT_NE(ReadFile(log).find(Fill(row.logged)), std::string::npos) << Fill(row.logged);
     }
 }
 

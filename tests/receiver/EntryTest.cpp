@@ -1,6 +1,8 @@
 // tests/receiver/EntryTest.cpp: Init's refusals, the entry directories
-// (names, modes, uniqueness) and SetOwner. That every object goes with its
-// last reference is the fixture's check after each test.
+// (names, modes, uniqueness), SetOwner, and the entries whose path the
+// request line cannot carry. That every object goes with its last reference
+// is the fixture's check after each test. The conversation itself is the
+// end-to-end tests'.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -135,6 +137,27 @@ TEST_F(ReceiverEntry, SetOwnerHandsOverDirectoryAndFilesButNoLinkTarget)
          {bothDir, bothDir + "/.envelope", bothDir + "/.msg", linkedDir, linkedDir + "/.msg"})
         EXPECT_EQ(OwnerOf(path), "65534:65534") << path;
     EXPECT_EQ(OwnerOf(outside), "0:0");
+}
+
+// A socket path too long for the address, an entry path with a line end
+// (it would end the request early), an entry of no receiver: the daemon
+// error without a connection, and the cause logged.
+TEST_F(ReceiverEntry, RequestsTheLineCannotCarryAreRefused)
+{
+    for (const std::string& name : {std::string(120, 'd'), std::string("line\nend")}) {
+        const std::string dir = temp / name;
+        ASSERT_EQ(::mkdir(dir.c_str(), 0700), 0);
+        LogCapture log;
+        RefHolder<Receiver> receiver(CreateReceiver());
+        ASSERT_TRUE(
+            receiver->Init((dir + "/").c_str(), "", ReceiverInitFlags, 10, 1, 0, 0, 0, 0, 0));
+        RefHolder<MsgEntry> entry(receiver->CreateMsgEntry());
+        EXPECT_EQ(receiver->ProcessMsg(entry.Get(), 0, 0, 0, 0), VerdictDaemonError);
+        EXPECT_EQ(receiver->ProcessMsg(nullptr, 0, 0, 0, 0), VerdictDaemonError);
+        const std::string cause = name.size() > 100 ? "daemon socket path too long: " + dir
+                                                    : "with a line end can not be sent to daemon";
+        EXPECT_EQ(LinesWith(log, "ERROR", cause).size(), 1u) << log.Text();
+    }
 }
 
 } // namespace
