@@ -1,5 +1,6 @@
 // tests/spool/MailTest.cpp: the address form of the record from envelope and
-// header text, the envelope file for the daemon, the log line.
+// header text, the envelope file for the daemon, the log line. The To items
+// are the header scanner's fallback rows.
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
@@ -39,26 +40,6 @@ TEST(AddressForm, EnvelopeAndFromTextBecomeOneBareAddressInBrackets)
         Mail::AddRushechkiToAddress(from);
         EXPECT_EQ(envelope, row.address) << row.text;
         EXPECT_EQ(from, row.address) << row.text;
-    }
-}
-
-TEST(AddressForm, ToItemsBecomeRecipientsAndEmptyOnesAreSkipped)
-{
-    using Items = std::vector<std::string>;
-    const struct {
-        Items items, recipients;
-    } rows[] = {
-        {{"", "a@x", "", "", "b@y", ""}, {"<a@x>", "<b@y>"}},
-        {{"\"Doe", "Jane\" <jane@x>", "b@y"}, {"<jane@x>", "<b@y>"}},
-        {{"undisclosed-recipients:;"}, {}},
-        {{"team: a@x", "b@y;"}, {"<a@x>", "<b@y>"}},
-        {{}, {}},
-    };
-    for (const auto& row : rows) {
-        Mail mail;
-        mail.recipients = {"<earlier@x>"};
-        mail.SetToField(row.items);
-        EXPECT_EQ(mail.recipients, row.recipients) << row.items.size();
     }
 }
 

@@ -147,6 +147,8 @@ TEST(HeaderScanner, FallbackTakesFirstFromAndFirstToWithItsFolds)
          "<a@x> to <b@y> <c@z> <d@w> <e@v>"},
         {noRecipient, "To: b@y\ntO: c@z\n\n", "<a@x> to <b@y>"},
         {noRecipient, "To: undisclosed-recipients:;\n\n", "<a@x> to"},
+        {noRecipient, "To: ,b@y,,, \"Doe, Jane\" <jane@x>, team: c@z, d@w;\n\n",
+         "<a@x> to <b@y> <jane@x> <c@z> <d@w>"},
         {toOnly, "From: Jane\n <jane@x>\nFrom: k@z\n\n", "<Jane> to <b@y>"},
         {toOnly, "fROM:  \"J\" <j@x> \t\n\n", "<j@x> to <b@y>"},
         {"channel error\nenv-end\n", "From: a@x\nTo: b@y\n\n", "<> to <b@y>"},
