@@ -6,14 +6,51 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <ctime>
 #include <regex>
 #include <set>
+#include <string>
+#include <vector>
 
-#include "ReceiverFixture.h"
+#include <gtest/gtest.h>
+
+#include "platform/log/LogCapture.h"
+#include "platform/receiver/Receiver.h"
+#include "platform/receiver/RefHolder.h"
+#include "support/TempDir.h"
 
 namespace
 {
+
+// A Receiver brought up on a fresh base directory, and the check that
+// every library object is gone at the end.
+class ReceiverFixture : public ::testing::Test
+{
+protected:
+    void TearDown() override { EXPECT_EQ(RefObjectLiveCount(), 0); }
+
+    std::string Base() const { return temp.Path().string() + "/"; }
+
+    RefHolder<Receiver> MakeReceiver(int32_t timeout = 10, const char* id = "test")
+    {
+        RefHolder<Receiver> receiver(CreateReceiver());
+        EXPECT_TRUE(
+            receiver->Init(Base().c_str(), id, ReceiverInitFlags, timeout, 1, 0, 0, 0, 0, 0));
+        return receiver;
+    }
+
+    // How many captured lines at a level ("ERROR", "WARN") contain text.
+    static long LinesWith(const LogCapture& log, const std::string& level, const std::string& text)
+    {
+        const std::vector<std::string> lines = log.Lines();
+        return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
+            return line.rfind(level + " ", 0) == 0 && line.find(text) != std::string::npos;
+        });
+    }
+
+    TempDir temp;
+};
 
 using ReceiverInit = ReceiverFixture;
 using ReceiverEntry = ReceiverFixture;
@@ -46,7 +83,7 @@ TEST_F(ReceiverInit, Refusals)
         RefHolder<Receiver> receiver(CreateReceiver());
         EXPECT_FALSE(receiver->Init(row.basedir.c_str(), "id", ReceiverInitFlags, row.timeout, 1, 0,
                                     0, 0, 0, 0));
-        EXPECT_EQ(LinesWith(log, "ERROR", row.cause).size(), 1u) << log.Text();
+        EXPECT_EQ(LinesWith(log, "ERROR", row.cause), 1) << log.Text();
         EXPECT_EQ(receiver->CreateMsgEntry(), nullptr);
     }
     // "msgs" gone after a good start: no entry, and the cause.
@@ -55,8 +92,7 @@ TEST_F(ReceiverInit, Refusals)
     WriteFile(temp / "msgs", "not a folder");
     LogCapture log;
     EXPECT_EQ(receiver->CreateMsgEntry(), nullptr);
-    EXPECT_EQ(LinesWith(log, "ERROR", "can not make entry directory " + Base() + "msgs/").size(),
-              1u);
+    EXPECT_EQ(LinesWith(log, "ERROR", "can not make entry directory " + Base() + "msgs/"), 1);
 }
 
 // "msgs/" is the filter's, of the base directory's group (the daemon's
@@ -156,7 +192,7 @@ TEST_F(ReceiverEntry, RequestsTheLineCannotCarryAreRefused)
         EXPECT_EQ(receiver->ProcessMsg(nullptr, 0, 0, 0, 0), VerdictDaemonError);
         const std::string cause = name.size() > 100 ? "daemon socket path too long: " + dir
                                                     : "with a line end can not be sent to daemon";
-        EXPECT_EQ(LinesWith(log, "ERROR", cause).size(), 1u) << log.Text();
+        EXPECT_EQ(LinesWith(log, "ERROR", cause), 1) << log.Text();
     }
 }
 
