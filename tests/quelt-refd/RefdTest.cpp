@@ -1,9 +1,9 @@
 // tests/quelt-refd/RefdTest.cpp: the reference daemon quelt-refd, with the
 // real filter in front, as far as the filter's tests and the demo rely on
-// it: its answers (in its log, byte for byte), its changes to ".msg", its
-// clean stop, its sweep of kept entries, --check and its refusals. A plain
-// clean answer, the test string and a header added to a small message are
-// the boundary tests'.
+// it: its answers (in its log, byte for byte), its clean stop, its sweep of
+// kept entries, --check and its refusals. A plain clean answer, the test
+// string and a header added to a message (small, and larger than the read
+// block) are the boundary tests' and the fault walk's.
 #include <gtest/gtest.h>
 
 #include "support/FilterSandbox.h"
@@ -33,7 +33,6 @@ TEST_F(QueltRefd, AnswersAndStops)
     const std::size_t block = 64 * 1024; // the daemon's read block
     const std::vector<std::string> add = {"--add-header", "X-Vorex-Checked: clean"};
     const std::string mail = "Subject: hello\n\nbody\n", infected = "Subject: t\n\n" + Eicar + "\n";
-    const std::string large = "Subject: big\n\n" + std::string(3 * block + 17, 'b') + "\n";
     const std::string virus = "2 infected: EICAR-Test-File";
     const std::string rejected = RejectLine + " infected: EICAR-Test-File";
     const std::vector<std::string> later = {"--verdict", "4", "--note", "try later"};
@@ -41,20 +40,17 @@ TEST_F(QueltRefd, AnswersAndStops)
         const char* name;
         std::vector<std::string> args;
         std::string msg, answer, reply;
-        bool headerAdded;
     } rows[] = {
-        {"testStringAcrossBlocks", {}, std::string(block - 30, 'a') + Eicar, virus, rejected, 0},
-        {"addHeaderLarge", add, large, "513 clean", PassLine + " clean", true},
-        {"addHeaderInfected", add, infected, virus, rejected, false},
-        {"verdictWithNote", later, mail, "4 try later", TempfailLine + " try later", false},
-        {"verdictAlone", {"--verdict", "0"}, mail, "0", PassLine, false},
+        {"testStringAcrossBlocks", {}, std::string(block - 30, 'a') + Eicar, virus, rejected},
+        {"noHeaderAddedToInfected", add, infected, virus, rejected},
+        {"verdictWithNote", later, mail, "4 try later", TempfailLine + " try later"},
+        {"verdictAlone", {"--verdict", "0"}, mail, "0", PassLine},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         RefDaemon daemon(basedir, row.args);
         EXPECT_EQ(Check(row.name, row.msg), row.reply + "\n");
-        EXPECT_EQ(ReadFile(root + "/" + row.name),
-                  Envelope + (row.headerAdded ? add[1] + "\n" : "") + row.msg);
+        EXPECT_EQ(ReadFile(root + "/" + row.name), Envelope + row.msg);
         std::string log;
         EXPECT_EQ(daemon.Stop(&log), 0);
         EXPECT_NE(log.find("verdict " + row.answer + ", "), std::string::npos) << log;
