@@ -14,7 +14,6 @@
 
 #include "support/ChildProcess.h"
 #include "support/PlayedDaemon.h"
-#include "support/Replies.h"
 #include "support/TempDir.h"
 
 // Connects every 20 ms until socketPath answers, within the child's bound.

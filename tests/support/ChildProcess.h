@@ -41,6 +41,7 @@ public:
             if (::pipe2(pipes[fd], O_CLOEXEC) != 0)
                 throw std::runtime_error("pipe failed");
             posix_spawn_file_actions_adddup2(&actions, pipes[fd][fd == 0 ? 0 : 1], fd);
+            fds[fd] = pipes[fd][fd == 0 ? 1 : 0];
         }
         if (!workDir.empty())
             posix_spawn_file_actions_addchdir_np(&actions, workDir.c_str());
@@ -48,10 +49,8 @@ public:
         const int rc = posix_spawn(&pid, args[0], &actions, nullptr, args.data(),
                                    environment.empty() ? environ : env.data());
         posix_spawn_file_actions_destroy(&actions);
-        for (int fd = 0; fd < 3; ++fd) {
-            ::close(pipes[fd][fd == 0 ? 0 : 1]);
-            fds[fd] = pipes[fd][fd == 0 ? 1 : 0];
-        }
+        for (int fd = 0; fd < 3; ++fd)
+            ::close(pipes[fd][fd == 0 ? 0 : 1]); // the child's ends: it has its own copies
         if (rc != 0)
             throw std::runtime_error("cannot start " + argv[0]);
     }
