@@ -14,9 +14,9 @@
 
 #include <cerrno>
 #include <chrono>
-#include <functional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 extern char** environ;
@@ -34,13 +34,14 @@ public:
         // A child that ends early makes a write to it fail with EPIPE, which
         // Write handles, instead of killing the test.
         (void)::signal(SIGPIPE, SIG_IGN);
-        int pipes[3][2];
+        int pipes[3][2]; // the child reads pipe 0 and writes the others
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         for (int fd = 0; fd < 3; ++fd) {
             if (::pipe2(pipes[fd], O_CLOEXEC) != 0)
                 throw std::runtime_error("pipe failed");
             posix_spawn_file_actions_adddup2(&actions, pipes[fd][fd == 0 ? 0 : 1], fd);
+            fds[fd] = pipes[fd][fd == 0 ? 1 : 0];
         }
         if (!workDir.empty())
             posix_spawn_file_actions_addchdir_np(&actions, workDir.c_str());
@@ -48,21 +49,20 @@ public:
         const int rc = posix_spawn(&pid, args[0], &actions, nullptr, args.data(),
                                    environment.empty() ? environ : env.data());
         posix_spawn_file_actions_destroy(&actions);
-        for (int fd = 0; fd < 3; ++fd) {
-            ::close(pipes[fd][fd == 0 ? 0 : 1]);
-            fds[fd] = pipes[fd][fd == 0 ? 1 : 0]; // our ends: stdin's write, the others' read
-        }
+        for (int fd = 0; fd < 3; ++fd)
+            ::close(pipes[fd][fd == 0 ? 0 : 1]); // the child's ends: it has its own copies
         if (rc != 0)
             throw std::runtime_error("cannot start " + argv[0]);
     }
 
+    // Killed and reaped, without waiting for its outputs: a child's own
+    // children may hold them open.
     ~ChildProcess()
     {
         Signal(SIGKILL);
-        if (pid > 0)
-            ::waitpid(pid, nullptr, 0);
-        for (int& fd : fds)
-            Close(fd);
+        (void)Reap();
+        for (int fd : fds)
+            ::close(fd); // -1 for those closed already: nothing to do
     }
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -87,28 +87,23 @@ public:
     // Reads standard output until it holds suffix; returns what came up to
     // and with it since the last call (all of it when the output ended or the
     // bound ran out first: the missing suffix shows in the text).
-    std::string ReadStdoutUntil(const std::string& suffix) { return ReadUntil(pending[1], suffix); }
-    std::string ReadStderrUntil(const std::string& suffix) { return ReadUntil(pending[2], suffix); }
+    std::string ReadStdoutUntil(const std::string& suffix) { return ReadUntil(1, suffix); }
+    std::string ReadStderrUntil(const std::string& suffix) { return ReadUntil(2, suffix); }
 
     // Closes the input, collects both outputs to their ends and returns the
     // exit status (128 + signal when killed). A child whose outputs have not
     // ended within the bound is killed, and Hung() is true. Once only.
     int Wait(std::string* restOfStdout = nullptr, std::string* restOfStderr = nullptr)
     {
-        Close(fds[0]);
-        if (pid > 0 && !Collect([] { return false; })) {
-            hung = true;
-            ::kill(pid, SIGKILL);
-        }
+        ::close(std::exchange(fds[0], -1));
+        hung = pid > 0 && !Collect(0, "");
+        if (hung)
+            Signal(SIGKILL);
         if (restOfStdout != nullptr)
             restOfStdout->swap(pending[1]);
         if (restOfStderr != nullptr)
             restOfStderr->swap(pending[2]);
-        int status = 0;
-        if (pid > 0)
-            ::waitpid(pid, &status, 0);
-        pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        return Reap();
     }
 
     // Never signals after Wait: pid -1 would reach every process.
@@ -128,20 +123,24 @@ private:
         return pointers;
     }
 
-    static void Close(int& fd)
+    // The exit status of a child that has ended or been killed, once.
+    int Reap()
     {
-        if (fd >= 0)
-            ::close(fd);
-        fd = -1;
+        int status = 0;
+        if (pid > 0)
+            ::waitpid(std::exchange(pid, -1), &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
 
-    // Reads both outputs into their buffers until done() holds or both have
-    // ended (each is closed at its end); false when the bound runs out first.
-    bool Collect(const std::function<bool()>& done)
+    // Reads both outputs into pending until output `until` holds suffix (0:
+    // until both have ended; each is closed at its end); false when the bound
+    // runs out first.
+    bool Collect(int until, const std::string& suffix)
     {
         using namespace std::chrono;
         const auto deadline = steady_clock::now() + milliseconds(BoundMs);
-        while (!done() && (fds[1] >= 0 || fds[2] >= 0)) {
+        while ((until == 0 || pending[until].find(suffix) == std::string::npos) &&
+               (fds[1] >= 0 || fds[2] >= 0)) {
             pollfd ready[2] = {{fds[1], POLLIN, 0}, {fds[2], POLLIN, 0}};
             const auto left = duration_cast<milliseconds>(deadline - steady_clock::now()).count();
             if (left <= 0 || ::poll(ready, 2, static_cast<int>(left)) <= 0)
@@ -152,24 +151,26 @@ private:
                 if (n > 0)
                     pending[i].append(block, static_cast<std::size_t>(n));
                 else if (n != -2) // the end, or an error: this output is done
-                    Close(fds[i]);
+                    ::close(std::exchange(fds[i], -1));
             }
         }
         return true;
     }
 
-    // The pending bytes up to and with suffix, or all of them without it.
-    std::string ReadUntil(std::string& bytes, const std::string& suffix)
+    // The pending bytes of output 1 or 2 up to and with suffix, or all of
+    // them without it.
+    std::string ReadUntil(int output, const std::string& suffix)
     {
-        (void)Collect([&] { return bytes.find(suffix) != std::string::npos; });
-        const std::size_t at = bytes.find(suffix);
-        std::string taken = bytes.substr(0, at == std::string::npos ? at : at + suffix.size());
-        bytes.erase(0, taken.size());
+        (void)Collect(output, suffix);
+        const std::size_t at = pending[output].find(suffix);
+        std::string taken =
+            pending[output].substr(0, at == std::string::npos ? at : at + suffix.size());
+        pending[output].erase(0, taken.size());
         return taken;
     }
 
     pid_t pid = -1;
     bool hung = false;
-    int fds[3] = {-1, -1, -1}; // the child's stdin, stdout, stderr
+    int fds[3] = {-1, -1, -1}; // our ends of the child's stdin, stdout, stderr
     std::string pending[3];    // what came from stdout and stderr, not yet taken
 };

@@ -5,8 +5,8 @@
 #pragma once
 
 #include <algorithm>
+#include <iterator>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <boost/filesystem.hpp>
@@ -16,8 +16,7 @@
 #include "support/TempDir.h"
 
 struct RunResult {
-    std::string out;
-    std::string err;
+    std::string out, err;
     int status = -1;
     bool hung = false;
 };
@@ -45,15 +44,14 @@ public:
     // option itself, then extra.
     std::vector<std::string> Args(const std::vector<std::string>& extra) const
     {
-        const std::pair<std::string, std::string> defaults[] = {
-            {"--user", ""},
-            {"--basedir", basedir},
-            {"--log-filename", basedir + "zmailer.log"},
-            {"--timeout", "10"}};
+        const std::string defaults[][2] = {{"--user", ""},
+                                           {"--basedir", basedir},
+                                           {"--log-filename", basedir + "zmailer.log"},
+                                           {"--timeout", "10"}};
         std::vector<std::string> args = {VOREX_ZMAILER, "-Z", "/etc/zmailer/zmailer.conf"};
         for (const auto& option : defaults)
-            if (std::find(extra.begin(), extra.end(), option.first) == extra.end())
-                args.insert(args.end(), {option.first, option.second});
+            if (std::find(extra.begin(), extra.end(), option[0]) == extra.end())
+                args.insert(args.end(), {option[0], option[1]});
         args.insert(args.end(), extra.begin(), extra.end());
         return args;
     }
@@ -67,11 +65,9 @@ public:
 
     std::size_t EntryCount() const
     {
-        const boost::filesystem::path msgs = basedir + "msgs";
-        if (!boost::filesystem::exists(msgs))
-            return 0;
+        boost::system::error_code missing; // no msgs directory: an end iterator, 0
         return static_cast<std::size_t>(
-            std::distance(boost::filesystem::directory_iterator(msgs), {}));
+            std::distance(boost::filesystem::directory_iterator(basedir + "msgs", missing), {}));
     }
 
     TempDir dir;

@@ -20,8 +20,7 @@
 // The address of a Unix socket at path (cut to what fits).
 inline sockaddr_un UnixAddress(const std::string& path)
 {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
+    sockaddr_un address{AF_UNIX, {}};
     std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
     return address;
 }

@@ -63,9 +63,7 @@ template <std::size_t N> std::string Literal(const char (&text)[N])
 inline std::string Pattern(std::size_t size, uint32_t seed = 1)
 {
     std::string bytes(size, '\0');
-    for (char& byte : bytes) {
-        seed = seed * 1103515245u + 12345u;
-        byte = static_cast<char>(seed >> 16);
-    }
+    for (char& byte : bytes) // the next value of a linear congruential sequence
+        byte = static_cast<char>((seed = seed * 1103515245u + 12345u) >> 16);
     return bytes;
 }

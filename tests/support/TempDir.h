@@ -6,7 +6,7 @@
 #include <sys/stat.h>
 
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 
 #include <boost/filesystem.hpp>
@@ -15,10 +15,10 @@ class TempDir
 {
 public:
     TempDir()
+        : path(boost::filesystem::temp_directory_path() /
+               boost::filesystem::unique_path("vorex-test-%%%%-%%%%-%%%%"))
     {
-        path = boost::filesystem::temp_directory_path() /
-               boost::filesystem::unique_path("vorex-test-%%%%-%%%%-%%%%");
-        boost::filesystem::create_directories(path);
+        boost::filesystem::create_directory(path);
         // 0755 whatever the umask (the coverage run uses 0): the daemon's
         // --check refuses a base directory anybody may write.
         boost::filesystem::permissions(path, boost::filesystem::perms(0755));
@@ -35,21 +35,18 @@ public:
     std::string operator/(const std::string& name) const { return (path / name).string(); }
 
 private:
-    boost::filesystem::path path;
+    const boost::filesystem::path path;
 };
 
 inline void WriteFile(const std::string& path, const std::string& bytes)
 {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(path, std::ios::binary) << bytes; // NUL bytes and all
 }
 
 inline std::string ReadFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream bytes;
-    bytes << in.rdbuf();
-    return bytes.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // The permission bits of path itself (a final link is not followed);
