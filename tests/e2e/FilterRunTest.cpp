@@ -88,7 +88,6 @@ std::vector<Row> Rows()
     return {
         Logged({"pass", "--id e2e", "1 clean\n", S, Replied(PassLine + " clean")},
                line + "INFO  msg e2e\\.\\S+ - from <alice@example.org> to <bob@example.net>\n"),
-        {"daemonError", "", "33\n", S, Failed(quelt)},
         // The withdrawn entry goes with whatever the daemon made in it;
         // deeper than the walk goes, it stays, though withdrawn.
         {"daemonErrorWithATree", "", "33\n", S, Failed(quelt), 0, "", Nested},
@@ -123,7 +122,8 @@ std::vector<Row> Rows()
         // without any, the value is the action code. The daemon's line is
         // read as far as its line feed, up to 8192 bytes.
         {"passBitWins", "", "3\n", S, pass},
-        {"rejectBeforeTempfail", "", "6\n", S, reject, 1},
+        Logged({"rejectBeforeTempfail", "", "6\n", S, reject, 1},
+               line + "DEBUG null - Read: 'env-end\n'\n"), // each envelope line as read
         {"tempfailBeforeDiscard", "", "12\n", S, Replied(TempfailLine), 1},
         {"unknownActionCode", "", "16 x\n", S, Replied(unknown + "16 in Vorex Quelt! x"), 1},
         {"highBitAsSignedCode", "", "2147483648\n", S,
@@ -151,6 +151,11 @@ std::vector<Row> Rows()
         // configured one, reject by default.
         {"unknownOption", "--bogus", NoDaemon, S,
          Refused(PassLine, "unrecognised option '--bogus'")},
+        Logged({"unknownErrorAction", "-e quarantine", NoDaemon, S,
+                Refused(PassLine, "error in param error-action")},
+               line + "ERROR null - Find wrong value 'quarantine' for param 'ProcessingErrors' "
+                      "during action parse\\. Wait one of following:pass \\| reject \\| "
+                      "discard \\| tempfail\n"),
         {"unknownUser", "--user nobody-here", NoDaemon, S, Refused(RejectLine, noUser)},
         {"noBaseDir", "--basedir /nonexistent/base", NoDaemon, S,
          Refused(RejectLine, "can not initialize Receiver module")},

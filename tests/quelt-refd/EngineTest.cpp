@@ -26,10 +26,8 @@ SharedEngines& Shared()
 const std::string Gtube = "XJS*C4JDBQADN1.NSBN3*2IDNEN*GTUBE-STANDARD-ANTI-UBE-TEST-EMAIL*C.34X";
 const std::string Virus = RejectLine + " infected: eicar.com.UNOFFICIAL\n";
 
-std::string Sample(const std::string& name)
-{
-    return ReadFile(std::string(EXAMPLE_SPOOL) + "/" + name);
-}
+const std::string Clean = ReadFile(EXAMPLE_SPOOL "/01-clean.spool");
+const std::string Infected = ReadFile(EXAMPLE_SPOOL "/05-eicar-attachment.spool");
 
 class Engines : public ::testing::Test, protected FilterSandbox
 {
@@ -37,10 +35,9 @@ class Engines : public ::testing::Test, protected FilterSandbox
 
 TEST_F(Engines, VerdictsAndSpoolBytes)
 {
-    const std::string clean = Sample("01-clean.spool"), virus = Sample("05-eicar-attachment.spool");
-    const std::size_t envEnd = clean.find("env-end\n") + 8, head = clean.find("\n\n") + 2;
-    const std::string gtube = clean.substr(0, head) + Gtube + "\n";
-    std::string large = clean.substr(0, head);
+    const std::size_t envEnd = Clean.find("env-end\n") + 8, head = Clean.find("\n\n") + 2;
+    const std::string gtube = Clean.substr(0, head) + Gtube + "\n";
+    std::string large = Clean.substr(0, head);
     for (int line = 0; large.size() < 100 * 1024; ++line)
         large += std::to_string(line * 7919) + " varied content for clamd's limits\n";
     const std::string spam = "X-Spam-Checker-Version: *\nX-Spam-Level: *\nX-Spam-Status: *\n";
@@ -50,9 +47,9 @@ TEST_F(Engines, VerdictsAndSpoolBytes)
         const char* name;
         std::string spool, reply, after;
     } rows[] = {
-        {"clean", clean, PassLine + " clean\n",
-         clean.substr(0, envEnd) + spam + clean.substr(envEnd)},
-        {"virusAttachment", virus, Virus, virus},
+        {"clean", Clean, PassLine + " clean\n",
+         Clean.substr(0, envEnd) + spam + Clean.substr(envEnd)},
+        {"virusAttachment", Infected, Virus, Infected},
         {"gtube", gtube, RejectLine + " spam: score *\n", gtube},
         {"overClamdLimits", large,
          TempfailLine + " not checked: Heuristics.Limits.Exceeded.MaxFileSize\n", large},
@@ -80,13 +77,12 @@ TEST_F(Engines, VerdictsAndSpoolBytes)
 // between two messages: the error action, the spool file untouched.
 TEST_F(Engines, ClamdOverTcpAndClamdKilled)
 {
-    const std::string virus = Sample("05-eicar-attachment.spool"), clean = Sample("01-clean.spool");
-    const std::string large = virus + std::string(100 * 1024, 'x') + "\n";
+    const std::string large = Infected + std::string(100 * 1024, 'x') + "\n";
     const std::vector<std::string> args = Args({"--interface", "0", "--error-action", "tempfail"});
     {
         RefDaemon daemon(basedir, {"--clamd", Shared().clamd.tcpAddress});
         RunResult run =
-            RunProgram(args, Spool("virus", virus) + "\n" + Spool("large", large) + "\n");
+            RunProgram(args, Spool("virus", Infected) + "\n" + Spool("large", large) + "\n");
         EXPECT_EQ(run.out, Virus + TempfailLine + " Internal error\n");
         EXPECT_EQ(ReadFile(root + "/large"), large);
     }
@@ -94,14 +90,14 @@ TEST_F(Engines, ClamdOverTcpAndClamdKilled)
     RefDaemon daemon(basedir, {"--clamd", ownClamd.socket});
     ChildProcess filter(FilterSandbox::Args({"--error-action", "tempfail"}));
     EXPECT_EQ(filter.ReadStdoutUntil(Hungry), Hungry);
-    filter.Write(Spool("first", clean) + "\n");
+    filter.Write(Spool("first", Clean) + "\n");
     EXPECT_EQ(filter.ReadStdoutUntil(Hungry), PassLine + " clean\n" + Hungry);
     ownClamd.Kill();
-    filter.Write(Spool("second", clean) + "\n");
+    filter.Write(Spool("second", Clean) + "\n");
     std::string rest; // the filter answers its error action and ends
     EXPECT_EQ(filter.Wait(&rest), 1);
     EXPECT_EQ(rest, TempfailLine + " Internal error\n");
-    EXPECT_EQ(ReadFile(root + "/second"), clean);
+    EXPECT_EQ(ReadFile(root + "/second"), Clean);
 }
 
 } // namespace

@@ -31,7 +31,6 @@ protected:
 TEST_F(QueltRefd, AnswersAndStops)
 {
     const std::size_t block = 64 * 1024; // the daemon's read block
-    const std::vector<std::string> add = {"--add-header", "X-Vorex-Checked: clean"};
     const std::string mail = "Subject: hello\n\nbody\n", infected = "Subject: t\n\n" + Eicar + "\n";
     const std::string virus = "2 infected: EICAR-Test-File";
     const std::string rejected = RejectLine + " infected: EICAR-Test-File";
@@ -42,7 +41,7 @@ TEST_F(QueltRefd, AnswersAndStops)
         std::string msg, answer, reply;
     } rows[] = {
         {"testStringAcrossBlocks", {}, std::string(block - 30, 'a') + Eicar, virus, rejected},
-        {"noHeaderAddedToInfected", add, infected, virus, rejected},
+        {"noHeaderAddedToInfected", {"--add-header", "X-Checked: yes"}, infected, virus, rejected},
         {"verdictWithNote", later, mail, "4 try later", TempfailLine + " try later"},
         {"verdictAlone", {"--verdict", "0"}, mail, "0", PassLine},
     };

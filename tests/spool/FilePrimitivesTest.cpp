@@ -112,21 +112,22 @@ TEST(GetRemainingSize, CountsFromPositionToEndWithoutMovingTheOffset)
     SpoolStream file(std::string(100, 'x'));
     ASSERT_EQ(::lseek(file.Fd(), 7, SEEK_SET), 7);
     const std::string debug = "DEBUG null - pos=";
+    const int fd = file.Fd();
     const struct {
+        int fd;
         int64_t pos;
         std::string expected;
     } rows[] = {
-        {0, "100 " + debug + "0 size=100 -> need read 100 bytes\n"},
-        {100, "0 " + debug + "100 size=100 -> need read 0 bytes\n"},
-        {101, "logic_error: st.st_size(100)<pos(101)"},
-        {-1, "logic_error: pos(-1)<0"},
+        {fd, 0, "100 " + debug + "0 size=100 -> need read 100 bytes\n"},
+        {fd, 100, "0 " + debug + "100 size=100 -> need read 0 bytes\n"},
+        {fd, 101, "logic_error: st.st_size(100)<pos(101)"},
+        {fd, -1, "logic_error: pos(-1)<0"},
+        {-1, 0, "domain_error: fstat error:Bad file descriptor for file with desc -1"},
     };
     for (const auto& row : rows) {
-        EXPECT_EQ(Remaining(file.Fd(), row.pos), row.expected);
-        EXPECT_EQ(Offset(file.Fd()), 7) << row.pos;
+        EXPECT_EQ(Remaining(row.fd, row.pos), row.expected);
+        EXPECT_EQ(Offset(fd), 7) << row.pos;
     }
-    EXPECT_EQ(Remaining(-1, 0),
-              "domain_error: fstat error:Bad file descriptor for file with desc -1");
 }
 
 // A held descriptor is closed exactly once, by Close or else by the

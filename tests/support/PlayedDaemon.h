@@ -17,23 +17,23 @@
 #include <string>
 #include <thread>
 
-// The address of a Unix socket at path (cut to what fits).
-inline sockaddr_un UnixAddress(const std::string& path)
+// A Unix stream socket on which op (::connect or ::bind) succeeded for path
+// (cut to what fits), or -1.
+template <class Op> int UnixSocket(const std::string& path, Op op)
 {
     sockaddr_un address{AF_UNIX, {}};
     std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    return address;
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (op(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+        return fd;
+    ::close(fd);
+    return -1;
 }
 
 // A stream socket connected to path, or -1 when nobody listens there.
 inline int ConnectTo(const std::string& path)
 {
-    const sockaddr_un address = UnixAddress(path);
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
-        return fd;
-    ::close(fd);
-    return -1;
+    return UnixSocket(path, ::connect);
 }
 
 class PlayedDaemon
@@ -77,11 +77,9 @@ public:
     // A socket bound and listening at path (or bound and closed: stale).
     static int ListenOn(const std::string& path)
     {
-        const sockaddr_un address = UnixAddress(path);
-        int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-            ::listen(fd, 4) != 0) {
-            ::close(fd); // -1 when there was no socket: nothing to close
+        const int fd = UnixSocket(path, ::bind);
+        if (fd < 0 || ::listen(fd, 4) != 0) {
+            ::close(fd); // harmless on -1, when the bind failed
             throw std::runtime_error("cannot listen on " + path);
         }
         return fd;
