@@ -30,8 +30,8 @@ public:
     TestSpool()
     {
         const char* tmp = std::getenv("TMPDIR");
-        std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") +
-                              "/vorex-check.XXXXXX";
+        std::string pattern =
+            std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/vorex-check.XXXXXX";
         if (::mkdtemp(pattern.data()) == nullptr)
             throw std::domain_error("can not make " + pattern + ":" + std::strerror(errno));
         dir = pattern;
@@ -93,12 +93,12 @@ int RunSetupCheck(const CheckInputs& inputs)
         found.Ok("secret read from " + inputs.secretPath);
     const long margin = inputs.jobLimit.count() - site.timeout;
     const std::string limits = "job limit " + std::to_string(inputs.jobLimit.count()) +
-                               " s against the filter's --timeout " +
-                               std::to_string(site.timeout) + " s";
+                               " s against the filter's --timeout " + std::to_string(site.timeout) +
+                               " s";
     if (margin < 40)
         found.Problem(limits + " leaves less than 40 s to rewrite a message",
-                      "--timeout " + std::to_string(inputs.jobLimit.count() - 40) +
-                          " or less in " + inputs.configPath);
+                      "--timeout " + std::to_string(inputs.jobLimit.count() - 40) + " or less in " +
+                          inputs.configPath);
     else
         found.Ok(limits);
 
@@ -110,7 +110,8 @@ int RunSetupCheck(const CheckInputs& inputs)
     bool startFailed;
     {
         Supervisor supervisor(
-            {FilterCommand(inputs.filterPath, site), site.errorAction, true, inputs.jobLimit}, said);
+            {FilterCommand(inputs.filterPath, site), site.errorAction, true, inputs.jobLimit},
+            said);
         reply = supervisor.Answer(spool.path);
         startFailed = supervisor.StartFailed();
         startOutput = supervisor.StartOutput();

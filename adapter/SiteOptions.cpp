@@ -89,7 +89,8 @@ void ReadSiteOptions(const std::string& configPath, const std::string& secretPat
     if (given.count("timeout"))
         site.timeout = std::stoi(given["timeout"].as<std::string>());
     site.hungry = !given.count("interface") || given["interface"].as<std::string>() != "0";
-    site.errorActionText = given.count("error-action") ? given["error-action"].as<std::string>() : "";
+    site.errorActionText =
+        given.count("error-action") ? given["error-action"].as<std::string>() : "";
     const int32_t code = given.count("error-action") ? ErrorActionCode(site.errorActionText) : 1;
     if (code < 0)
         throw std::invalid_argument("--error-action " + site.errorActionText +

@@ -60,6 +60,6 @@ private:
     LineBuffer jobs;
     Deadline nextStart{};
     bool startFailed = false;
-    bool starting = false;        // the filter's standard error is held, not logged
+    bool starting = false; // the filter's standard error is held, not logged
     std::string heldStderr;
 };

@@ -41,9 +41,8 @@ int main(int argc, char** argv)
     int jobLimit = 100;
     po::options_description options("Options");
     options.add_options()("help,h", "this text")(
-        "config", po::value(&configPath)->default_value(VOREX_CONFIG),
-        "the filter's options")("filter", po::value(&filterPath)->default_value(VOREX_FILTER),
-                                "the filter program")(
+        "config", po::value(&configPath)->default_value(VOREX_CONFIG), "the filter's options")(
+        "filter", po::value(&filterPath)->default_value(VOREX_FILTER), "the filter program")(
         "secret-file", po::value(&secretPath)->default_value("/etc/vorex/secure-hash"),
         "the secret passed as --hash")("job-limit", po::value(&jobLimit)->default_value(100),
                                        "seconds a job may take before the filter is killed")(
@@ -94,14 +93,15 @@ int main(int argc, char** argv)
         if (!siteFault.empty())
             log.Error(siteFault + "; jobs are answered with the error action");
         if (site.secret.empty())
-            log.Warn("no secret in " + secretPath + ": mail returned by the daemon is checked again");
+            log.Warn("no secret in " + secretPath +
+                     ": mail returned by the daemon is checked again");
         // A file that cannot be read leaves no options to run the filter
         // with: every job is then answered here. Bad options are left to
         // the filter, which names them in its failure line.
-        Supervisor supervisor({site.read ? FilterCommand(filterPath, site)
-                                        : std::vector<std::string>{},
-                               site.errorAction, site.hungry, limit},
-                              log);
+        Supervisor supervisor(
+            {site.read ? FilterCommand(filterPath, site) : std::vector<std::string>{},
+             site.errorAction, site.hungry, limit},
+            log);
         supervisor.Run();
         return 0;
     } catch (const std::exception& failure) {
