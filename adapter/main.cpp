@@ -48,13 +48,15 @@ int main(int argc, char** argv)
                                        "seconds a job may take before the filter is killed")(
         "log-file", po::value(&logFile), "log to this file instead of the system log")(
         "check", "try the set-up once and say what to fix")(
-        ",Z", po::value<std::string>(), "ZMailer's configuration, passed by smtpserver; ignored")(
-        "address", po::value<std::vector<std::string>>(), "ignored");
+        ",Z", po::value<std::string>(), "ZMailer's configuration, passed by smtpserver; ignored");
+    // Arguments that are not options (smtpserver may pass an address).
+    po::options_description all;
+    all.add(options).add_options()("address", po::value<std::vector<std::string>>());
     po::positional_options_description ignored;
     ignored.add("address", -1);
     po::variables_map given;
     try {
-        po::store(po::command_line_parser(argc, argv).options(options).positional(ignored).run(),
+        po::store(po::command_line_parser(argc, argv).options(all).positional(ignored).run(),
                   given);
         po::notify(given);
         if (jobLimit < 1 || jobLimit > MaxJobLimit)

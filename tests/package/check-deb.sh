@@ -58,7 +58,7 @@ check "vorex-zmailer stripped" stripped "$root/usr/sbin/vorex-zmailer"
 check "quelt-refd stripped" stripped "$root/usr/sbin/quelt-refd"
 check "adapter stripped" stripped "$root/usr/sbin/vorex-zmailer-filter"
 check "adapter runs the installed filter with the installed options" \
-    grep -q 'the filter program (=/usr/sbin/vorex-zmailer)' \
+    grep -q -- '--filter arg (=/usr/sbin/vorex-zmailer)$' \
     <("$root/usr/sbin/vorex-zmailer-filter" --help)
 check "adapter reads /etc/vorex/zmailer-filter.conf" \
     grep -q '(=/etc/vorex/zmailer-filter.conf)' <("$root/usr/sbin/vorex-zmailer-filter" --help)
