@@ -2,7 +2,8 @@
 # tests/package/check-deb.sh: what the Debian package holds, read with
 # dpkg-deb -c, and its programs run from a copy extracted with dpkg-deb -x:
 # the paths and modes an administrator relies on, stripped binaries that
-# start, the wrapper as a real script, the unit and the conffile.
+# start, the smtpserver adapter with its configuration, the unit and the
+# conffiles.
 # Usage: check-deb.sh PATH/vorex-zmailer_VERSION_ARCH.deb
 set -euo pipefail
 deb=$1
@@ -41,11 +42,12 @@ for entry in \
     "-rw-r--r-- root/root ./etc/default/quelt-refd" \
     "-rw-r--r-- root/root ./usr/share/doc/vorex-zmailer/README.md.gz" \
     "-rw-r--r-- root/root ./usr/share/doc/vorex-zmailer/examples/process.cf.snippet" \
-    "-rw-r--r-- root/root ./usr/share/doc/vorex-zmailer/examples/vorex-zmailer-filter" \
+    "-rw-r--r-- root/root ./usr/share/doc/vorex-zmailer/examples/zmailer-filter.conf" \
+    "-rw-r--r-- root/root ./etc/vorex/zmailer-filter.conf" \
     "-rw-r--r-- root/root ./usr/share/doc/vorex-zmailer/examples/spool/01-clean.spool"; do
     check "listed: $entry" listed "$entry"
 done
-check "a man page for the wrapper" test -e "$tmp/root/usr/share/man/man8/vorex-zmailer-filter.8.gz"
+check "a man page for the adapter" test -e "$tmp/root/usr/share/man/man8/vorex-zmailer-filter.8.gz"
 check "nothing under /usr/local or /var" bash -c "! grep -E ' \./(usr/local|var)/' '$tmp/contents'"
 
 root=$tmp/root
@@ -54,13 +56,15 @@ check "vorex-zmailer --version" same "$("$root/usr/sbin/vorex-zmailer" --version
 check "quelt-refd --help" "$root/usr/sbin/quelt-refd" --help
 check "vorex-zmailer stripped" stripped "$root/usr/sbin/vorex-zmailer"
 check "quelt-refd stripped" stripped "$root/usr/sbin/quelt-refd"
-check "wrapper is a real file" test -f "$root/usr/sbin/vorex-zmailer-filter" -a ! -L "$root/usr/sbin/vorex-zmailer-filter"
-check "wrapper parses" sh -n "$root/usr/sbin/vorex-zmailer-filter"
-check "wrapper runs the installed filter" grep -qx 'exec /usr/sbin/vorex-zmailer \\' \
-    "$root/usr/sbin/vorex-zmailer-filter"
-check "wrapper passes the secret" grep -q -- '--hash "$hash"' "$root/usr/sbin/vorex-zmailer-filter"
-check "wrapper reads the secret file" grep -qx 'secret_file=/etc/vorex/secure-hash' \
-    "$root/usr/sbin/vorex-zmailer-filter"
+check "adapter stripped" stripped "$root/usr/sbin/vorex-zmailer-filter"
+check "adapter runs the installed filter with the installed options" \
+    grep -q -- '--filter arg (=/usr/sbin/vorex-zmailer)$' \
+    <("$root/usr/sbin/vorex-zmailer-filter" --help)
+check "adapter reads /etc/vorex/zmailer-filter.conf" \
+    grep -q '(=/etc/vorex/zmailer-filter.conf)' <("$root/usr/sbin/vorex-zmailer-filter" --help)
+check "shipped options are the former wrapper's" same "$(grep -v '^#' "$root/etc/vorex/zmailer-filter.conf")" \
+    "$(printf '%s\n' '--basedir /var/vorex/' '--user vorex' '--timeout 30' '--error-action tempfail' \
+        '--log-filename syslog --facility mail --level info')"
 
 unit=$root/lib/systemd/system/quelt-refd.service
 for line in "Type=simple" "User=vorex" "Group=vorex" "EnvironmentFile=-/etc/default/quelt-refd" \
@@ -68,6 +72,8 @@ for line in "Type=simple" "User=vorex" "Group=vorex" "EnvironmentFile=-/etc/defa
     check "unit: $line" grep -qxF -- "$line" "$unit"
 done
 check "conffile /etc/default/quelt-refd" grep -qx /etc/default/quelt-refd "$tmp/control/conffiles"
+check "conffile /etc/vorex/zmailer-filter.conf" grep -qx /etc/vorex/zmailer-filter.conf \
+    "$tmp/control/conffiles"
 check "OPTIONS= in /etc/default/quelt-refd" grep -q '^OPTIONS=' "$root/etc/default/quelt-refd"
 
 echo "package-contents: $passed passed, $failed failed"

@@ -3,10 +3,12 @@
 # machine and puts it into service as an administrator would, without
 # systemd: the account, directories and secret made by the package; the
 # installed unit's ExecStart run as the vorex account; then the installed
-# smtpserver wrapper filters the README's sample (a pass) and a message
-# marked with the installed secret (a pass without a check, its
-# X-Vorex-Hash line cut out). The package is purged again at the end, and the
-# account removed when this script made it. Needs root.
+# smtpserver adapter, with its installed options, passes its --check,
+# filters the README's sample (a pass) and a message marked with the
+# installed secret (a pass without a check, its X-Vorex-Hash line cut out),
+# and answers 451 and #hungry once the daemon is stopped. The package is
+# purged again at the end, and the account removed when this script made it.
+# Needs root.
 # Usage: check-installed.sh PATH/vorex-zmailer_VERSION_ARCH.deb
 set -euo pipefail
 deb=$(realpath "$1")
@@ -85,15 +87,16 @@ if [ ! -S /var/vorex/quelt.sock ]; then
 fi
 passed=$((passed + 1))
 
-# The wrapper as smtpserver runs it: one job line, then the end of input.
+# The adapter as smtpserver runs it: one job line, then the end of input.
 filter() {
     printf '%s\n' "$1" | /usr/sbin/vorex-zmailer-filter -Z /etc/zmailer/zmailer.conf
 }
 samples=/usr/share/doc/vorex-zmailer/examples/spool
 install -m 0600 "$samples/01-clean.spool" "$tmp/clean"
 out=$(filter "$tmp/clean")
-check "wrapper passes the README's sample" grep -qx '0 250 2.6.0 Okey. Go ahead!.*' <<<"$out"
-check "wrapper answers as smtpserver expects" same "$(sed -n '1p;3p' <<<"$out")" $'#hungry\n#hungry'
+check "adapter --check finds only ok" same "$(/usr/sbin/vorex-zmailer-filter --check | cut -d' ' -f1 | sort -u)" ok
+check "adapter passes the README's sample" grep -qx '0 250 2.6.0 Okey. Go ahead!.*' <<<"$out"
+check "adapter answers as smtpserver expects" same "$(sed -n '1p;3p' <<<"$out")" $'#hungry\n#hungry'
 
 # Mail the daemon sends back carries the installed secret: it passes
 # unchecked and loses exactly its X-Vorex-Hash line.
@@ -107,5 +110,8 @@ check "returned mail loses its X-Vorex-Hash line" cmp "$tmp/returned" "$tmp/retu
 kill "$daemon_pid"
 wait "$daemon_pid" 2>/dev/null || true
 daemon_pid=
+install -m 0600 "$samples/01-clean.spool" "$tmp/clean"
+check "daemon stopped: 451 and #hungry" same "$(filter "$tmp/clean")" \
+    $'#hungry\n1 451 4.3.0 Temporary rejected by Vorex Quelt. Try later. Internal error\n#hungry'
 echo "package-installed: $passed passed, $failed failed"
 [ "$failed" -eq 0 ]
