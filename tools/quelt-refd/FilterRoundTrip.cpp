@@ -4,7 +4,9 @@
 // process id, which their names carry.
 #include "FilterRoundTrip.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -29,11 +31,41 @@ const std::string Eicar = std::string("X5O!P%@AP[4\\PZX54(P^)7CC)7}$EICAR-STANDA
 const std::string Gtube = std::string("XJS*C4JDBQADN1.NSBN3*2IDNEN*GTUBE-STANDARD-") +
                           "ANTI-UBE-TEST-EMAIL*C.34X";
 
+std::string Base64(const std::string& bytes)
+{
+    static const char digits[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string out;
+    for (std::size_t at = 0; at < bytes.size(); at += 3) {
+        const std::size_t count = std::min<std::size_t>(3, bytes.size() - at);
+        uint32_t group = 0;
+        for (std::size_t i = 0; i < 3; ++i)
+            group = group << 8 | (i < count ? static_cast<unsigned char>(bytes[at + i]) : 0u);
+        for (std::size_t digit = 0; digit < 4; ++digit)
+            out += digit <= count ? digits[(group >> (18 - 6 * digit)) & 63] : '=';
+    }
+    return out;
+}
+
 std::string Spool(const std::string& subject, const std::string& body)
 {
     return "from <quelt-refd-check@localhost>\nto <postmaster@localhost>\nenv-end\n"
-           "From: <quelt-refd-check@localhost>\nSubject: quelt-refd --check: " +
-           subject + "\n\n" + body + "\n";
+           "From: <quelt-refd-check@localhost>\nTo: <postmaster@localhost>\n"
+           "Subject: quelt-refd --check: " +
+           subject + "\n" + body;
+}
+
+// The test string in the text and as an attachment of its own: an engine
+// may look for it in either.
+std::string VirusBody()
+{
+    return "MIME-Version: 1.0\nContent-Type: multipart/mixed; boundary=\"check\"\n\n"
+           "--check\nContent-Type: text/plain\n\n" +
+           Eicar +
+           "\n--check\nContent-Type: application/octet-stream; name=\"test.com\"\n"
+           "Content-Transfer-Encoding: base64\n"
+           "Content-Disposition: attachment; filename=\"test.com\"\n\n" +
+           Base64(Eicar) + "\n--check--\n";
 }
 
 // Removes the entries the filter with process id pid made (their names
@@ -96,7 +128,7 @@ void CheckFilterRoundTrips(CheckReport& report, const RoundTripSettings& setting
         report.Skipped("virus round trip", "no --clamd configured");
     } else {
         int status = -1;
-        const std::string reply = RunFilter(settings, Spool("virus test", Eicar), status);
+        const std::string reply = RunFilter(settings, Spool("virus test", VirusBody()), status);
         if (status == 0 && reply.compare(0, 7, "-1 550 ") == 0)
             report.Ok("virus round trip (" + settings.filter + ", daemon, engine): '" + reply + "'");
         else
@@ -109,7 +141,7 @@ void CheckFilterRoundTrips(CheckReport& report, const RoundTripSettings& setting
         return;
     }
     int status = -1;
-    const std::string reply = RunFilter(settings, Spool("spam test", Gtube), status);
+    const std::string reply = RunFilter(settings, Spool("spam test", "\n" + Gtube + "\n"), status);
     const bool refused = reply.compare(0, 7, "-1 550 ") == 0;
     const bool tagged = reply.compare(0, 2, "0 ") == 0 && reply.find(", tagged") != std::string::npos;
     if (status == 0 && settings.spamReject && refused)

@@ -21,7 +21,10 @@
 namespace
 {
 
-const char* const TestMessage = "Subject: quelt-refd --check\n\nA clean test message.\n";
+const char* const TestMessage =
+    "From: <quelt-refd-check@localhost>\nTo: <postmaster@localhost>\n"
+    "Subject: quelt-refd --check\nMessage-ID: <quelt-refd-check@localhost>\n"
+    "Date: Thu, 01 Jan 2026 00:00:00 +0000\n\nA clean test message of quelt-refd --check.\n";
 constexpr mode_t MsgsMode = 01770;
 constexpr mode_t SocketMode = 0660;
 
