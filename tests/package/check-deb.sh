@@ -64,6 +64,7 @@ check "wrapper reads the secret file" grep -qx 'secret_file=/etc/vorex/secure-ha
 
 unit=$root/lib/systemd/system/quelt-refd.service
 for line in "Type=simple" "User=vorex" "Group=vorex" "EnvironmentFile=-/etc/default/quelt-refd" \
+    "RestartPreventExitStatus=2" \
     "ExecStart=/usr/sbin/quelt-refd --basedir /var/vorex --facility mail \$OPTIONS"; do
     check "unit: $line" grep -qxF -- "$line" "$unit"
 done
