@@ -53,7 +53,7 @@ eval "process() { file=\$1
 $body
 echo routed; }"
 
-exec 3< <(exec "$refd" --log-stderr --basedir "$tmp/base/" 2>&1)
+exec 3< <(exec "$refd" --log-stderr --basedir "$tmp/base/" --test-engine 2>&1)
 refd_pid=$!
 read -r -u 3 ready
 case "$ready" in

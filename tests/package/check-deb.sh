@@ -68,6 +68,7 @@ check "shipped options are the former wrapper's" same "$(grep -v '^#' "$root/etc
 
 unit=$root/lib/systemd/system/quelt-refd.service
 for line in "Type=simple" "User=vorex" "Group=vorex" "EnvironmentFile=-/etc/default/quelt-refd" \
+    "RestartPreventExitStatus=2" \
     "ExecStart=/usr/sbin/quelt-refd --basedir /var/vorex --facility mail \$OPTIONS"; do
     check "unit: $line" grep -qxF -- "$line" "$unit"
 done

@@ -2,7 +2,9 @@
 # tests/package/check-installed.sh: installs the Debian package on this
 # machine and puts it into service as an administrator would, without
 # systemd: the account, directories and secret made by the package; the
-# installed unit's ExecStart run as the vorex account; then the installed
+# installed unit's ExecStart run as the vorex account, first as shipped
+# (OPTIONS="": it refuses in one line), then with a private clamd this
+# script starts; quelt-refd --check on that set-up; then the installed
 # smtpserver adapter, with its installed options, passes its --check,
 # filters the README's sample (a pass) and a message marked with the
 # installed secret (a pass without a check, its X-Vorex-Hash line cut out),
@@ -16,11 +18,12 @@ tmp=$(mktemp -d "${TMPDIR:-/tmp}/vorex-installed.XXXXXX")
 had_account=no
 getent passwd vorex >/dev/null && had_account=yes
 daemon_pid=
+clamd_pid=
 cleanup() {
-    if [ -n "$daemon_pid" ]; then
-        kill "$daemon_pid" 2>/dev/null || true
-        wait "$daemon_pid" 2>/dev/null || true
-    fi
+    for pid in $daemon_pid $clamd_pid; do
+        kill "$pid" 2>/dev/null || true
+        wait "$pid" 2>/dev/null || true
+    done
     apt-get purge -y -qq -o DPkg::Lock::Timeout=120 vorex-zmailer >/dev/null 2>&1 || true
     if [ "$had_account" = no ] && getent passwd vorex >/dev/null; then
         userdel vorex || true
@@ -70,7 +73,28 @@ OPTIONS=
 . /etc/default/quelt-refd
 execstart=${execstart//\$OPTIONS/$OPTIONS}
 read -r -a command <<<"$execstart"
-setpriv --reuid=vorex --regid=vorex --init-groups "${command[@]}" 2>"$tmp/daemon.err" &
+as_vorex=(setpriv --reuid=vorex --regid=vorex --init-groups)
+status=0
+"${as_vorex[@]}" "${command[@]}" 2>"$tmp/refused.err" || status=$?
+check "as shipped the daemon refuses to start (status 2)" same "$status" 2
+check "and says why in one line" same "$(wc -l <"$tmp/refused.err") $(cut -c1-23 "$tmp/refused.err")" \
+    "1 quelt-refd: no engine: "
+
+# A private clamd (the anti-virus test file's MD5 as its database) where the
+# account can reach its socket.
+chmod 0755 "$tmp"
+mkdir -p "$tmp/clamd/db"
+echo "44d88612fea8a8f36de82e1278abb02f:68:eicar.com" >"$tmp/clamd/db/t.hdb"
+printf 'LocalSocket %s\nDatabaseDirectory %s\nForeground yes\nLogFile %s\n' \
+    "$tmp/clamd/clamd.sock" "$tmp/clamd/db" "$tmp/clamd/clamd.log" >"$tmp/clamd/clamd.conf"
+/usr/sbin/clamd -c "$tmp/clamd/clamd.conf" >/dev/null 2>&1 &
+clamd_pid=$!
+for _ in $(seq 300); do
+    [ -S "$tmp/clamd/clamd.sock" ] && break
+    sleep 0.1
+done
+command+=(--clamd "$tmp/clamd/clamd.sock")
+"${as_vorex[@]}" "${command[@]}" 2>"$tmp/daemon.err" &
 daemon_pid=$!
 # Ready when its socket is there; a daemon that exits instead (a rejected
 # option) is reported with its own words. The wait is bounded, not timed.
@@ -86,6 +110,9 @@ if [ ! -S /var/vorex/quelt.sock ]; then
     exit 1
 fi
 passed=$((passed + 1))
+
+# The doctor on this set-up: no ZMailer here, so that part is skipped.
+check "quelt-refd --check finds no problem" /usr/sbin/quelt-refd --check --clamd "$tmp/clamd/clamd.sock"
 
 # The adapter as smtpserver runs it: one job line, then the end of input.
 filter() {

@@ -12,6 +12,8 @@
 namespace
 {
 
+namespace fs = boost::filesystem;
+
 // One start of each engine for the whole executable, stopped at its exit.
 struct SharedEngines {
     Clamd clamd;
@@ -100,4 +102,76 @@ TEST_F(Engines, ClamdOverTcpAndClamdKilled)
     EXPECT_EQ(ReadFile(root + "/second"), Clean);
 }
 
+// --check on a set-up of its own (a daemon as an account with both
+// engines, a ZMailer configuration, a stand-in for the smtpserver wrapper's
+// --check): all well, then one fault per row, each named in a PROBLEM line.
+TEST_F(Engines, CheckNamesEachFaultOfTheSetUp)
+{
+    const std::string msgs = basedir + "msgs";
+    fs::create_directories(msgs);
+    for (const auto& [path, mode] : {std::pair(basedir, 0750), std::pair(msgs, 01770)})
+        ASSERT_TRUE(::chown(path.c_str(), 0, 65534) == 0 && ::chmod(path.c_str(), mode) == 0);
+    const std::vector<std::string> engines = {"--clamd", Shared().clamd.socket, "--spamd",
+                                              Shared().spamd.socket, "--spam-reject", "20"};
+    std::vector<std::string> asAccount = engines;
+    asAccount.insert(asAccount.end(), {"--user", "nobody"});
+    RefDaemon daemon(basedir, asAccount);
+    TempDir zmailer;
+    const std::string stale = zmailer / "stopped.sock", wrapper = zmailer / "wrapper";
+    ::close(PlayedDaemon::ListenOn(stale)); // a socket nobody listens on: spamd stopped
+    const std::string good = "#!/bin/sh\necho 'ok filter options'\n";
+    const std::string policy = "[0.0.0.0]/0 = _default # all\n_default relaytarget - filtering +\n"
+                               "_full_rights rejectnet -\n_full_rights filtering +\n";
+    const struct {
+        const char* name;
+        std::vector<std::string> args;
+        std::string wrapper, contentFilter, policy, problem;
+    } rows[] = {
+        {"goodSetUp", engines, good, "$MAILSHARE/wrapper", policy, ""},
+        {"wrongClamdPath", {"--clamd", zmailer / "clamd.sock"}, good, "$MAILSHARE/wrapper", policy,
+         "PROBLEM clamd at " + zmailer / "clamd.sock: connect"},
+        {"stoppedSpamd", {"--spamd", stale, "--spam-reject", "20"}, good, "$MAILSHARE/wrapper", policy,
+         "PROBLEM spamd at " + stale + ": connect"},
+        {"wrapperWithBadOption", engines,
+         "#!/bin/sh\necho 'PROBLEM --error-action tmpfail: not an action (fix: ...)'\nexit 1\n",
+         "$MAILSHARE/wrapper", policy, "\nPROBLEM --error-action tmpfail: "},
+        {"missingWrapper", engines, good, zmailer / "gone", policy,
+         "PROBLEM " + zmailer / "smtpserver.conf line 2: contentfilter " + zmailer / "gone" +
+             " is missing or not executable"},
+        {"policyWithoutFiltering", engines, good, "$MAILSHARE/wrapper",
+         "[0.0.0.0]/0 = _full_rights\n_full_rights rejectnet -\n",
+         "PROBLEM " + zmailer / "db/smtp-policy.src: [0.0.0.0]/0: no 'filtering +'"},
+        {"unitWithoutEngine", {"--defaults-file", zmailer / "default"}, good, "$MAILSHARE/wrapper",
+         policy, "PROBLEM options from " + zmailer / "default: no engine: "},
+    };
+    fs::create_directories(zmailer / "db");
+    WriteFile(zmailer / "zmailer.conf", "# ZMailer\nMAILSHARE=" + zmailer.Path().string() +
+                                            "\nMAILVAR=" + zmailer.Path().string() + "\n");
+    WriteFile(zmailer / "default", "# none yet\nOPTIONS=\"\"\n");
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        WriteFile(wrapper, row.wrapper);
+        fs::permissions(wrapper, fs::perms(0755));
+        WriteFile(zmailer / "smtpserver.conf", "#\nPARAM contentfilter " + row.contentFilter + "\n");
+        WriteFile(zmailer / "db/smtp-policy.src", row.policy);
+        std::vector<std::string> check = {QUELT_REFD,   "--check",  "--user", "nobody", "--filter",
+                                          VOREX_ZMAILER, "--zmailer-conf", zmailer / "zmailer.conf"};
+        check.insert(check.end(), row.args.begin(), row.args.end());
+        if (row.args[0] != "--defaults-file")
+            check.insert(check.end(), {"--basedir", basedir});
+        std::string out;
+        const int status = ChildProcess(check).Wait(&out);
+        if (row.problem.empty()) {
+            EXPECT_EQ(status, 0);
+            EXPECT_FALSE(std::regex_search(out, std::regex("(^|\n)[^o]"))) << out;
+            EXPECT_NE(out.find("ok spam round trip: '" + RejectLine + " spam: score "), std::string::npos) << out;
+        } else {
+            EXPECT_EQ(status, 1);
+            EXPECT_NE(out.find(row.problem), std::string::npos) << out;
+        }
+    }
+    EXPECT_TRUE(fs::is_empty(msgs)) << "the test entries are gone";
+}
+
 } // namespace
+

@@ -81,7 +81,7 @@ public:
                                              dir.Path() / "site" / file.path().filename());
         WriteFile(dir / "site/local.cf", "dns_available no\n");
         process = std::make_unique<ChildProcess>(std::vector<std::string>{
-            "/usr/sbin/spamd", "--socketpath=" + socket, "-u", "nobody", "--local",
+            "/usr/sbin/spamd", "--socketpath=" + socket, "--socketmode=0666", "-u", "nobody", "--local",
             "--siteconfigpath=" + (dir / "site"), "--syslog=" + (dir / "spamd.log")});
         AwaitSocket(socket);
     }

@@ -85,27 +85,34 @@ TEST_F(QueltRefd, SweepsKeptEntriesAndServesPastASilentClient)
         << daemon.startLog;
 }
 
-// --check against a daemon that dropped to an account: all well, then a
-// "msgs/" with the wrong mode is named with its fix.
+// --check against a test-engine daemon that dropped to an account: the
+// daemon and the filter's round trip are well (the entries are gone after),
+// the test engine is a problem; then a "msgs/" with the wrong mode is named
+// with its fix.
 TEST_F(QueltRefd, CheckFindsTheSetUpWellOrSaysWhatToFix)
 {
     const std::string msgs = basedir + "msgs";
-    fs::permissions(basedir, fs::perms(0755)); // whatever the umask
+    // The package's layout: the filter gives "msgs/" the base directory's group.
+    ASSERT_EQ(::chown(basedir.c_str(), 0, 65534), 0);
+    ASSERT_EQ(::chmod(basedir.c_str(), 0750), 0);
     fs::create_directories(msgs);
     ASSERT_EQ(::chown(msgs.c_str(), 0, 65534), 0);
     ASSERT_EQ(::chmod(msgs.c_str(), 01770), 0);
     RefDaemon daemon(basedir, {"--user", "nobody"});
-    const std::vector<std::string> check = {QUELT_REFD, "--check", "--basedir",
-                                            basedir,    "--user",  "nobody"};
+    const std::vector<std::string> check = {
+        QUELT_REFD, "--check", "--basedir", basedir, "--user", "nobody", "--test-engine",
+        "--filter", VOREX_ZMAILER};
     std::string out;
-    EXPECT_EQ(ChildProcess(check).Wait(&out), 0) << out;
-    EXPECT_NE(out.find("ok:      round trip: the daemon answered '1 clean'\nall is well\n"),
-              std::string::npos)
-        << out;
+    EXPECT_EQ(ChildProcess(check).Wait(&out), 1) << out;
+    for (const std::string& line : std::vector<std::string>{
+             "PROBLEM engines: only the test engine", "ok daemon answers: '1 clean' to a clean message\n",
+          "ok virus round trip (" VOREX_ZMAILER ", daemon, engine): '" + RejectLine +
+              " infected: EICAR-Test-File'\n"})
+        EXPECT_NE(out.find(line), std::string::npos) << line << "\n" << out;
     EXPECT_TRUE(fs::is_empty(msgs)) << "the test entry is gone";
     ASSERT_EQ(::chmod(msgs.c_str(), 0777), 0);
     EXPECT_EQ(ChildProcess(check).Wait(&out), 1);
-    EXPECT_NE(out.find("fix: chown root:nogroup " + msgs + " && chmod 1770 " + msgs + "\n"),
+    EXPECT_NE(out.find("(fix: chown root:nogroup " + msgs + " && chmod 1770 " + msgs + ")\n"),
               std::string::npos)
         << out;
 }
@@ -114,22 +121,28 @@ TEST_F(QueltRefd, CheckFindsTheSetUpWellOrSaysWhatToFix)
 // before anything is bound.
 TEST_F(QueltRefd, RefusesBadOptions)
 {
+    const std::string test = "--test-engine";
     const std::vector<std::vector<std::string>> rows = {
-        {"--max-checks", "0", "--max-checks needs at least 1"},
-        {"--facility", "nowhere", "unknown --facility nowhere"},
-        {"--engine-timeout", "0", "--engine-timeout needs at least 1"},
-        {"--add-header", "no colon", "--add-header needs one line 'Name: value'"},
-        {"--note", "a\nb", "--note must be one line"},
-        {"--limits-exceeded", "maybe", "--limits-exceeded needs reject, tempfail or pass"},
-        {"--spam-reject", "x", "--spam-reject needs a score such as 10 or 7.5"},
-        {"--spam-reject", "5", "--spam-reject needs --spamd"},
-        {"--verdict", "-1", "--verdict needs a number from 0 to 4294967295"},
+        {test, "--max-checks", "0", "--max-checks needs at least 1"},
+        {test, "--facility", "nowhere", "unknown --facility nowhere"},
+        {test, "--engine-timeout", "0", "--engine-timeout needs at least 1"},
+        {test, "--add-header", "no colon", "--add-header needs one line 'Name: value'"},
+        {test, "--note", "a\nb", "--note must be one line"},
+        {test, "--limits-exceeded", "maybe", "--limits-exceeded needs reject, tempfail or pass"},
+        {test, "--spam-reject", "x", "--spam-reject needs a score such as 10 or 7.5"},
+        {test, "--spam-reject", "5", "--spam-reject needs --spamd"},
+        {test, "--verdict", "-1", "--verdict needs a number from 0 to 4294967295"},
+        {"--log-stderr", "--user", "nobody",
+         "no engine: give --clamd and/or --spamd (OPTIONS in /etc/default/quelt-refd)"},
+        {"--log-stderr", "--verdict", "1", "--verdict is a test-only option: it needs --test-engine"},
+        {test, "--clamd", "/c.sock", "--test-engine is for tests alone, not with --clamd or --spamd"},
+        {test, "--bogus", "x", "unrecognised option '--bogus'"},
     };
     for (const auto& row : rows) {
         std::string err;
-        ChildProcess daemon({QUELT_REFD, "--basedir", basedir, row[0], row[1]});
-        EXPECT_EQ(daemon.Wait(nullptr, &err), 2) << row[0];
-        EXPECT_EQ(err.substr(0, err.find('\n')), "quelt-refd: " + row[2]);
+        ChildProcess daemon({QUELT_REFD, "--basedir", basedir, row[0], row[1], row[2]});
+        EXPECT_EQ(daemon.Wait(nullptr, &err), 2) << row[1];
+        EXPECT_EQ(err, "quelt-refd: " + row[3] + " (see --help)\n");
     }
 }
 

@@ -1,11 +1,12 @@
 // tests/support/RefDaemon.h: the reference daemon quelt-refd running on a
-// base directory for one test, started and ready (it has said that it
+// base directory for one test (its test engine unless given a real one), started and ready (it has said that it
 // listens) when the constructor returns (with what it logged before), stopped with SIGTERM at the
 // end.
 #pragma once
 
 #include <signal.h>
 
+#include <algorithm>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -22,6 +23,11 @@ public:
         std::vector<std::string> argv = runAs;
         argv.insert(argv.end(), {QUELT_REFD, "--log-stderr", "--basedir", basedir});
         argv.insert(argv.end(), extraArgs.begin(), extraArgs.end());
+        const auto named = [&](const char* option) {
+            return std::find(extraArgs.begin(), extraArgs.end(), option) != extraArgs.end();
+        };
+        if (!named("--clamd") && !named("--spamd"))
+            argv.push_back("--test-engine");
         process = std::make_unique<ChildProcess>(argv);
         // All of it when the daemon ends without listening.
         startLog = process->ReadStderrUntil("listening on");

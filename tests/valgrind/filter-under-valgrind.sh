@@ -34,7 +34,8 @@ cp "$samples"/01-clean.spool "$samples"/02-eicar.spool "$samples"/03-bounce.spoo
     "$samples"/04-reinjected.spool "$tmp/spool/"
 
 # The daemon's first line on standard error says that it listens.
-exec 3< <(exec "$refd" --log-stderr --basedir "$tmp/base/" --add-header "X-Vorex-Checked: clean" 2>&1)
+exec 3< <(exec "$refd" --log-stderr --basedir "$tmp/base/" --test-engine \
+    --add-header "X-Vorex-Checked: clean" 2>&1)
 refd_pid=$!
 read -r -u 3 ready
 case "$ready" in

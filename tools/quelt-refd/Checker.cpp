@@ -27,6 +27,7 @@ std::string Checker::RunEngines(const std::string& dir, std::string& summary,
     Entry entry(dir);
     const Deadline deadline = Clock::now() + std::chrono::seconds(settings.engineTimeoutSeconds);
     std::string headers;
+    std::string passNote = "clean";
     for (const auto& engine : engines) {
         engineName = engine->Name();
         EngineResult result = engine->Check(entry.Msg(), entry.MsgStatus(), deadline);
@@ -37,13 +38,14 @@ std::string Checker::RunEngines(const std::string& dir, std::string& summary,
         if (result.finding == Finding::Tempfail)
             return std::to_string(Tempfail) + " " + result.note;
         headers += result.headers;
+        passNote = result.note.empty() ? passNote : result.note;
     }
     if (!settings.addHeader.empty())
         headers += settings.addHeader + "\n";
     if (headers.empty())
-        return std::to_string(Pass) + " clean";
+        return std::to_string(Pass) + " " + passNote;
     entry.PrependHeaders(headers);
-    return std::to_string(Pass | HeadersChanged) + " clean";
+    return std::to_string(Pass | HeadersChanged) + " " + passNote;
 }
 
 std::string Checker::Check(const std::string& dir) const

@@ -106,3 +106,13 @@ EngineResult ClamdEngine::Check(int msg, const struct stat& status, Deadline dea
     result.note = "infected: " + name;
     return result;
 }
+
+void ClamdEngine::Ping(Deadline deadline)
+{
+    Fd socket = ConnectWithDeadline(address, deadline);
+    const char command[] = "zPING";
+    (void)SendAll(socket.Get(), command, sizeof command, deadline); // its answer tells
+    const std::string answer = ReadAnswer(socket.Get(), deadline);
+    if (answer != "PONG")
+        throw std::domain_error("clamd answered '" + answer + "' to zPING");
+}

@@ -19,6 +19,7 @@ public:
     }
     const char* Name() const override { return "clamd"; }
     EngineResult Check(int msg, const struct stat& status, Deadline deadline) override;
+    void Ping(Deadline deadline) override;
 
 private:
     // clamd's answer without its "fd[N]: " or "stream: " label, read to its

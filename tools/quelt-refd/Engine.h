@@ -14,7 +14,8 @@ enum class Finding { Clean, Reject, Tempfail };
 
 struct EngineResult {
     Finding finding = Finding::Clean;
-    std::string note;    // for a reject or tempfail: "infected: <name>", ...
+    std::string note;    // for a reject or tempfail: "infected: <name>", ...; for a
+                         // pass that is more than clean: "spam: score S/T, tagged"
     std::string headers; // header lines to put on top of ".msg", each ending "\n"
     std::string summary; // the engine's result in the daemon's log line
 };
@@ -28,4 +29,7 @@ public:
     // msg is open for reading, a regular file of status.st_size bytes; the
     // engine reads it from offset 0 and may move its offset.
     virtual EngineResult Check(int msg, const struct stat& status, Deadline deadline) = 0;
+    // Asks the engine whether it is there with its protocol's ping (for
+    // --check); throws like Check when it does not answer as it should.
+    virtual void Ping(Deadline deadline) = 0;
 };

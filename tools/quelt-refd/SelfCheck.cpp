@@ -1,5 +1,7 @@
 // tools/quelt-refd/SelfCheck.cpp: each check says what it found in plain
-// words; a failed check that makes the later ones meaningless ends the run.
+// words. The layout wanted is the package's: the base directory writable by
+// nobody else, "msgs/" root:<account group> 1770 (sticky: the account may
+// add entries, not remove the filter's), the socket the account's, 0660.
 // The throw-away entry is made as the filter makes entries (owned by the
 // account) and removed again whatever the answer.
 #include "SelfCheck.h"
@@ -13,31 +15,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "CheckReport.h"
 #include "EngineSocket.h"
 
 namespace
 {
 
-const char* const TestMessage = "Subject: quelt-refd --check\n\nA clean test message.\n";
-
-class Report
-{
-public:
-    void Ok(const std::string& text) { std::printf("ok:      %s\n", text.c_str()); }
-    void Problem(const std::string& text, const std::string& fix)
-    {
-        std::printf("PROBLEM: %s\n         fix: %s\n", text.c_str(), fix.c_str());
-        problems++;
-    }
-    int Status() const
-    {
-        std::printf(problems == 0 ? "all is well\n" : "%d problem(s) found\n", problems);
-        return problems == 0 ? 0 : 1;
-    }
-
-private:
-    int problems = 0;
-};
+const char* const TestMessage =
+    "From: <quelt-refd-check@localhost>\nTo: <postmaster@localhost>\n"
+    "Subject: quelt-refd --check\nMessage-ID: <quelt-refd-check@localhost>\n"
+    "Date: Thu, 01 Jan 2026 00:00:00 +0000\n\nA clean test message of quelt-refd --check.\n";
+constexpr mode_t MsgsMode = 01770;
+constexpr mode_t SocketMode = 0660;
 
 std::string Octal(mode_t mode)
 {
@@ -95,70 +84,72 @@ std::string RoundTrip(const std::string& baseDir, const passwd& account, bool& a
 
 } // namespace
 
-int RunSelfCheck(const std::string& baseDir, const std::string& user)
+std::string StartFix(const std::string& baseDir)
 {
-    Report report;
-    const passwd* found = user.empty() ? nullptr : ::getpwnam(user.c_str());
-    if (found == nullptr || found->pw_uid == 0) {
-        report.Problem(user.empty() ? "no account given" : "account '" + user + "' unusable",
-                       "give --user with the daemon's account (not root); create it with "
-                       "'adduser --system --group vorex'");
-        return report.Status();
-    }
-    const passwd account = *found;
-    const std::string group = GroupName(account.pw_gid);
-    report.Ok("account " + user + " (uid " + std::to_string(account.pw_uid) + ", group " + group +
-              ")");
+    return "start the daemon: systemctl start quelt-refd, or quelt-refd --basedir " + baseDir +
+           " --user ACCOUNT and its engines; journalctl -u quelt-refd says why it stopped";
+}
 
+bool CheckLayout(CheckReport& report, const std::string& baseDir, const passwd& account)
+{
+    const std::string group = GroupName(account.pw_gid);
     struct stat status;
     if (::lstat(baseDir.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
-        report.Problem(baseDir + " is not a directory", "mkdir -m 0755 " + baseDir);
-        return report.Status();
+        report.Problem("base directory " + baseDir, "missing or not a directory",
+                       "reinstall the package, or mkdir -m 0750 " + baseDir);
+        return false;
     }
     if ((status.st_mode & 002) != 0)
-        report.Problem(baseDir + " is writable by everyone (" + Octal(status.st_mode) + ")",
-                       "chmod o-w " + baseDir);
+        report.Problem("base directory " + baseDir,
+                       "writable by everyone (" + Octal(status.st_mode) + ")", "chmod o-w " + baseDir);
+    else if (status.st_gid != account.pw_gid) // the filter gives "msgs/" this group
+        report.Problem("base directory " + baseDir,
+                       "group " + GroupName(status.st_gid) + ", wanted " + group,
+                       "chgrp " + group + " " + baseDir);
     else
         report.Ok("base directory " + baseDir + " (" + Octal(status.st_mode) + ")");
 
     const std::string msgs = baseDir + "msgs";
-    if (::lstat(msgs.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
-        report.Problem(msgs + " is missing or not a directory",
-                       "mkdir " + msgs + " && chown root:" + group + " " + msgs +
-                           " && chmod 1770 " + msgs);
-    } else if (status.st_uid != 0 || status.st_gid != account.pw_gid ||
-               (status.st_mode & 07777) != 01770) {
-        report.Problem(msgs + " is " + std::to_string(status.st_uid) + ":" +
-                           GroupName(status.st_gid) + " mode " + Octal(status.st_mode) +
-                           ", wanted root:" + group + " mode 1770",
-                       "chown root:" + group + " " + msgs + " && chmod 1770 " + msgs);
-    } else {
-        report.Ok(msgs + " (root:" + group + ", 1770)");
-    }
+    const std::string fix = "chown root:" + group + " " + msgs + " && chmod " +
+                            Octal(MsgsMode) + " " + msgs;
+    if (::lstat(msgs.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+        report.Problem(msgs, "missing or not a directory", "mkdir " + msgs + " && " + fix);
+    else if (status.st_uid != 0 || status.st_gid != account.pw_gid ||
+             (status.st_mode & 07777) != MsgsMode)
+        report.Problem(msgs,
+                       std::to_string(status.st_uid) + ":" + GroupName(status.st_gid) + " mode " +
+                           Octal(status.st_mode) + ", wanted root:" + group + " mode " +
+                           Octal(MsgsMode),
+                       fix);
+    else
+        report.Ok(msgs + " (root:" + group + ", " + Octal(MsgsMode) + ")");
 
     const std::string socket = baseDir + "quelt.sock";
-    const std::string start = "start the daemon: quelt-refd --basedir " + baseDir + " --user " +
-                              user + " (systemctl start quelt-refd)";
     if (::lstat(socket.c_str(), &status) != 0 || !S_ISSOCK(status.st_mode)) {
-        report.Problem(socket + " is missing or not a socket", start);
-        return report.Status();
+        report.Problem("socket " + socket, "missing or not a socket: the daemon is not running",
+                       StartFix(baseDir));
+        return false;
     }
-    if (status.st_uid != account.pw_uid || (status.st_mode & 0777) != 0660)
-        report.Problem(socket + " is not owned by " + user + " with mode 0660",
-                       "restart the daemon as root with --user " + user);
+    if (status.st_uid != account.pw_uid || (status.st_mode & 0777) != SocketMode)
+        report.Problem("socket " + socket,
+                       "not owned by " + std::string(account.pw_name) + " with mode " +
+                           Octal(SocketMode),
+                       "restart the daemon as root with --user " + std::string(account.pw_name));
     else
         report.Ok("socket " + socket);
+    return true;
+}
 
+void CheckDaemonAnswers(CheckReport& report, const std::string& baseDir, const passwd& account)
+{
     bool answered = false;
     const std::string answer = RoundTrip(baseDir, account, answered);
     const unsigned long flags = answered ? std::strtoul(answer.c_str(), nullptr, 10) : 0;
     if (!answered)
-        report.Problem("no answer from the daemon: " + answer, start);
+        report.Problem("daemon", "no answer: " + answer, StartFix(baseDir));
     else if ((flags & 1) == 0)
-        report.Problem(
-            "the daemon answered '" + answer + "' to a clean message",
-            "read the daemon's log (journalctl -u quelt-refd, or the mail log) for the cause");
+        report.Problem("daemon", "answered '" + answer + "' to a clean message",
+                       "read the daemon's log (journalctl -u quelt-refd) for the cause");
     else
-        report.Ok("round trip: the daemon answered '" + answer + "'");
-    return report.Status();
+        report.Ok("daemon answers: '" + answer + "' to a clean message");
 }

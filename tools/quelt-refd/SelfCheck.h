@@ -1,11 +1,17 @@
-// tools/quelt-refd/SelfCheck.h: "quelt-refd --check": looks at a set-up as
-// the filter and the daemon need it (the base directory, "msgs/", the
-// account, the socket) and makes one real round trip through the running
-// daemon with a throw-away entry. Prints one finding per line on standard
-// output, each problem with its fix, and returns the exit status: 0 only
-// when all is well.
+// tools/quelt-refd/SelfCheck.h: the daemon's side of "quelt-refd --check":
+// the base directory, "msgs/" and the socket as the filter and the daemon
+// need them, and one real round trip of a clean message through the running
+// daemon with a throw-away entry. Each finding is one line of the report.
 #pragma once
 
+#include <pwd.h>
 #include <string>
 
-int RunSelfCheck(const std::string& baseDir, const std::string& user);
+class CheckReport;
+
+// False when the daemon cannot be reached (no base directory, no socket):
+// the checks that talk to it are then pointless.
+bool CheckLayout(CheckReport& report, const std::string& baseDir, const passwd& account);
+
+// CHECK of a clean message; a pass is all well.
+void CheckDaemonAnswers(CheckReport& report, const std::string& baseDir, const passwd& account);

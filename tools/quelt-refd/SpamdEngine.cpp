@@ -91,6 +91,7 @@ EngineResult SpamdEngine::Check(int msg, const struct stat& status, Deadline dea
     if (overlong || line.compare(0, 6, "SPAMD/") != 0 || line.find(" 0 EX_OK") == std::string::npos)
         throw std::domain_error("spamd answered '" + line.substr(0, 200) + "'");
     std::string score, threshold;
+    bool isSpam = false; // spamd's own verdict, at its own threshold
     while (reader.Next(line, overlong) && !line.empty()) {
         if (overlong)
             throw std::logic_error("spamd answer line too long");
@@ -106,6 +107,7 @@ EngineResult SpamdEngine::Check(int msg, const struct stat& status, Deadline dea
             text.erase(text.find_last_not_of(' ') + 1);
             return text;
         };
+        isSpam = trim(line.substr(5, semicolon - 5)) == "True";
         score = trim(line.substr(semicolon + 1, slash - semicolon - 1));
         threshold = trim(line.substr(slash + 1));
     }
@@ -133,11 +135,30 @@ EngineResult SpamdEngine::Check(int msg, const struct stat& status, Deadline dea
     if (result.headers.empty())
         throw std::logic_error("spamd sent no X-Spam header");
 
-    result.summary = "spamd " + score + "/" + threshold;
+    // One threshold in the log and the note: ours when we reject, else the
+    // one at which spamd tags.
+    const std::string scored = "score " + score + "/" + (settings.reject ? settings.rejectText : threshold);
     if (settings.reject && value >= settings.rejectScore) {
         result.finding = Finding::Reject;
-        result.note = "spam: score " + score + "/" + settings.rejectText;
+        result.note = "spam: " + scored;
         result.headers.clear();
+    } else if (isSpam) {
+        result.note = "spam: score " + score + "/" + threshold + ", tagged";
     }
+    result.summary = "spamd " + (result.note.empty() ? scored : result.note);
     return result;
+}
+
+void SpamdEngine::Ping(Deadline deadline)
+{
+    Fd socket = ConnectWithDeadline(address, deadline);
+    const std::string request = "PING SPAMC/1.5\r\n\r\n";
+    (void)SendAll(socket.Get(), request.data(), request.size(), deadline); // its answer tells
+    LineReader reader(socket.Get(), deadline);
+    std::string line;
+    bool overlong = false;
+    if (!reader.Next(line, overlong))
+        throw std::domain_error("spamd closed the connection without an answer to PING");
+    if (overlong || line.compare(0, 6, "SPAMD/") != 0 || line.find(" 0 PONG") == std::string::npos)
+        throw std::domain_error("spamd answered '" + line.substr(0, 200) + "' to PING");
 }

@@ -25,6 +25,7 @@ public:
     }
     const char* Name() const override { return "spamd"; }
     EngineResult Check(int msg, const struct stat& status, Deadline deadline) override;
+    void Ping(Deadline deadline) override;
 
 private:
     const EngineAddress address;

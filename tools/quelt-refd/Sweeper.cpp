@@ -30,7 +30,8 @@ constexpr int MaxDepth = 4;
     throw std::domain_error(what + " error:" + std::strerror(error));
 }
 
-// The names in the directory open as dirFd, without "." and "..".
+} // namespace
+
 std::vector<std::string> ListNames(int dirFd, const std::string& path)
 {
     int copy = ::dup(dirFd);
@@ -59,6 +60,9 @@ std::vector<std::string> ListNames(int dirFd, const std::string& path)
     return names;
 }
 
+namespace
+{
+
 // Removes name (a directory) under parentFd with everything in it.
 void RemoveTree(int parentFd, const std::string& name, const std::string& path, int depth)
 {
@@ -81,6 +85,11 @@ void RemoveTree(int parentFd, const std::string& name, const std::string& path, 
 }
 
 } // namespace
+
+void RemoveEntry(int msgsFd, const std::string& name, const std::string& path)
+{
+    RemoveTree(msgsFd, name, path, 0);
+}
 
 void SweepKeptEntries(const std::string& msgsDir, int keepHours)
 {
