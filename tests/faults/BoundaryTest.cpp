@@ -39,8 +39,9 @@ class Boundary : public ::testing::Test, protected FilterSandbox
 protected:
     void SetUp() override
     {
-        // The documented set-up: the base directory is the account's.
-        ASSERT_EQ(::chown(basedir.c_str(), Account, Account), 0);
+        // The documented set-up: the base directory is root's, of the
+        // account's group.
+        ASSERT_EQ(::chown(basedir.c_str(), 0, Account), 0);
         ASSERT_EQ(::chmod(basedir.c_str(), 0750), 0);
         WriteFile(secret, Secret);
         ASSERT_EQ(::chmod(secret.c_str(), 0600), 0);
@@ -146,6 +147,12 @@ TEST_F(Boundary, CompromisedAccountGetsNothingOfRoot)
 TEST_F(Boundary, DaemonAsTheAccountReachesEveryEntry)
 {
     RefDaemon daemon(basedir, {"--add-header", "X-Checked: yes", "--user", "nobody"});
+    // Made by root with the account's group at bind, never changed by path.
+    struct stat socket;
+    ASSERT_EQ(::lstat((basedir + "quelt.sock").c_str(), &socket), 0);
+    EXPECT_EQ(std::to_string(socket.st_uid) + ":" + std::to_string(socket.st_gid) + " " +
+                  std::to_string(socket.st_mode & 07777),
+              "0:65534 432"); // 0660
     const std::string clean = Spool("clean", Message);
     const std::string virus = Spool("virus", Message + Eicar + "\n");
     const RunResult run = RunProgram(args, clean + "\n" + virus + "\n");

@@ -110,6 +110,25 @@ TEST_F(QueltRefd, CheckFindsTheSetUpWellOrSaysWhatToFix)
         << out;
 }
 
+// Under systemd's socket unit the daemon takes the listening descriptor it
+// is given: the socket file stays the one systemd made, before and after.
+TEST_F(QueltRefd, TakesTheSocketSystemdMade)
+{
+    const std::string socketPath = basedir + "quelt.sock";
+    ChildProcess activated({"/usr/bin/systemd-socket-activate", "-l", socketPath, "--",
+                            QUELT_REFD, "--log-stderr", "--basedir", basedir});
+    ASSERT_NE(activated.ReadStderrUntil("Listening on").find("Listening on"), std::string::npos);
+    struct stat made, after;
+    ASSERT_EQ(::lstat(socketPath.c_str(), &made), 0);
+    EXPECT_EQ(Check("activated", "Subject: hi\n\nbody\n"), PassLine + " clean\n");
+    activated.Signal(SIGTERM);
+    std::string log;
+    EXPECT_EQ(activated.Wait(nullptr, &log), 0) << log;
+    EXPECT_NE(log.find("quelt-refd: listening on " + socketPath + "\n"), std::string::npos) << log;
+    ASSERT_EQ(::lstat(socketPath.c_str(), &after), 0);
+    EXPECT_EQ(after.st_ino, made.st_ino);
+}
+
 // Each refused value names itself on the first line and ends with status 2,
 // before anything is bound.
 TEST_F(QueltRefd, RefusesBadOptions)

@@ -62,11 +62,15 @@ std::string RoundTrip(const std::string& baseDir, const passwd& account, bool& a
         return "can not make " + dir + ": " + std::strerror(errno);
     const std::string msg = dir + "/.msg";
     std::string answer;
-    int file = ::open(msg.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0660);
-    bool made = file >= 0 && WriteAll(file, TestMessage, std::strlen(TestMessage));
-    made = file >= 0 && ::close(file) == 0 && made;
-    if (!made || ::chown(msg.c_str(), account.pw_uid, account.pw_gid) != 0 ||
-        ::chown(dir.c_str(), account.pw_uid, account.pw_gid) != 0) {
+    // Handed over through the descriptors made here, never by name.
+    Fd dirFd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    Fd file(dirFd.IsValid() ? ::openat(dirFd.Get(), ".msg",
+                                       O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0660)
+                            : -1);
+    bool made = file.IsValid() && WriteAll(file.Get(), TestMessage, std::strlen(TestMessage)) &&
+                ::fchown(file.Get(), account.pw_uid, account.pw_gid) == 0;
+    made = file.Close() == 0 && made;
+    if (!made || ::fchown(dirFd.Get(), account.pw_uid, account.pw_gid) != 0) {
         answer = "can not make the test entry " + dir + ": " + std::strerror(errno);
     } else {
         try {
@@ -143,9 +147,14 @@ int RunSelfCheck(const std::string& baseDir, const std::string& user)
         report.Problem(socket + " is missing or not a socket", start);
         return report.Status();
     }
-    if (status.st_uid != account.pw_uid || (status.st_mode & 0777) != 0660)
-        report.Problem(socket + " is not owned by " + user + " with mode 0660",
-                       "restart the daemon as root with --user " + user);
+    // systemd's socket unit makes it the account's; the daemon started as
+    // root makes it root's with the account's group.
+    const bool owned = status.st_uid == account.pw_uid ||
+                       (status.st_uid == 0 && status.st_gid == account.pw_gid);
+    if (!owned || (status.st_mode & 0777) != 0660)
+        report.Problem(socket + " is neither " + user + "'s nor root:" + group +
+                           ", each with mode 0660",
+                       "restart the daemon (systemctl restart quelt-refd.socket quelt-refd)");
     else
         report.Ok("socket " + socket);
 
