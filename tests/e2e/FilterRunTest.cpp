@@ -217,6 +217,7 @@ TEST_F(FilterRun, EachJobAnswersAndLeavesItsFiles)
         SCOPED_TRACE(row.name);
         fs::remove_all(root);
         fs::create_directories(basedir);
+        fs::permissions(basedir, fs::perms(0755)); // umask 0: a log directory for all is refused
         fs::create_directories(work);
         WriteFile(spool, row.spool);
         entry.clear();
