@@ -51,11 +51,22 @@ int CreateEntryFile(const std::string& path, mode_t mode, std::string& cause)
     const int dirFd = DirectoryOf(path, false, opened, name, cause);
     if (dirFd < 0)
         return -1;
-    const int fd = ::openat(dirFd, name.c_str(),
-                            O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
-    if (fd < 0)
+    Descriptor file(
+        ::openat(dirFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+    if (!file.IsValid()) {
         cause = SystemCause("can not create", path);
-    return fd;
+        return -1;
+    }
+    // A live entry keeps a descriptor of its own for the hand-over.
+    if (MsgEntryImpl* entry = MsgEntryImpl::Find(path.substr(0, path.rfind('/')))) {
+        const int kept = ::fcntl(file.Get(), F_DUPFD_CLOEXEC, 0);
+        if (kept < 0) {
+            cause = SystemCause("can not keep", path);
+            return -1;
+        }
+        entry->KeepFile(kept);
+    }
+    return file.Release();
 }
 
 bool RemoveEntryFile(const std::string& path, std::string& cause)

@@ -141,6 +141,26 @@ TEST_F(Boundary, CompromisedAccountGetsNothingOfRoot)
     }
 }
 
+// Where the account owns the base directory (the earlier layout), it can
+// put a "msgs/" of its own, set-group-id, in place of the filter's: the
+// filter refuses to start rather than make entries in it.
+TEST_F(Boundary, FilterRefusesAnEntriesFolderOfTheAccount)
+{
+    ASSERT_EQ(::chown(basedir.c_str(), Account, Account), 0);
+    fs::create_directories(basedir + "msgs");
+    std::vector<std::string> swap = AsAccount;
+    swap.insert(swap.end(), {"/bin/sh", "-c",
+                             "mv " + basedir + "msgs " + basedir + "old && mkdir -m 3770 " +
+                                 basedir + "msgs"});
+    ASSERT_EQ(RunProgram(swap).status, 0);
+    const RunResult run = RunProgram(Args({"--user", "nobody", "-e", "tempfail", "--log-filename",
+                                           root + "/filter.log"}),
+                                     Spool("spool", Message) + "\n");
+    EXPECT_EQ(run.out, TempfailLine + " Internal error\n");
+    EXPECT_EQ(run.err, "error: can not initialize Receiver module\n");
+    EXPECT_EQ(run.status, 1);
+}
+
 // The documented set-up end to end: the real daemon, started as root, binds
 // and becomes the account; as such it reads and rewrites the entries the
 // root filter hands it, and the account may remove the ones kept for it.

@@ -66,6 +66,7 @@ TEST_F(QueltRefd, SweepsKeptEntriesAndServesPastASilentClient)
     const std::string msgs = basedir + "msgs/", outside = basedir + "outside";
     WriteFile(outside, "keep me");
     fs::create_directories(msgs + "kept");
+    fs::permissions(msgs, fs::perms(01770)); // as the filter makes it (it refuses others)
     fs::create_directories(msgs + "foreign");
     fs::create_symlink(outside, msgs + "kept/.msg");
     fs::create_symlink(basedir, msgs + "linkedDir");
