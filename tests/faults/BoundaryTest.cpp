@@ -63,10 +63,18 @@ protected:
 // What the account does to the entry: each step an operation on a path in
 // it ("" is the entry itself) and, for a link, its target in the sandbox.
 struct Step {
-    char op; // 'u'nlink, 'l'ink, 'f'ifo, 'd'irectory, 'm'ove aside
+    char op; // 'u'nlink, 'l'ink, 'f'ifo, 'd'irectory, 'm'ove aside, 't'runcate, 'a'ppend
     const char* path;
-    const char* target = "";
+    const char* target = ""; // for 't' the new size, for 'a' the count of bytes
 };
+
+int Append(const char* path, std::size_t count)
+{
+    const int fd = ::open(path, O_WRONLY | O_APPEND);
+    const std::string bytes(count, 'x');
+    const bool written = fd >= 0 && ::write(fd, bytes.data(), count) == ssize_t(count);
+    return ::close(fd) == 0 && written ? 0 : -1;
+}
 
 // Serves one request as the account: runs the steps on the entry directory,
 // then answers. Ends on its own when no request comes.
@@ -92,6 +100,8 @@ void PlayAccount(int listener, const std::vector<Step>& steps, const std::string
                : step.op == 'l' ? ::symlink(target.c_str(), at)
                : step.op == 'f' ? ::mkfifo(at, 0660)
                : step.op == 'd' ? ::mkdir(at, 0770)
+               : step.op == 't' ? ::truncate(at, std::atol(step.target))
+               : step.op == 'a' ? Append(at, std::stoul(step.target))
                                 : ::rename(at, (path + ".moved").c_str()));
     }
     (void)::write(client, answer.data(), answer.size());
@@ -109,6 +119,11 @@ TEST_F(Boundary, CompromisedAccountGetsNothingOfRoot)
         {"msgIsFifo", {{'u', "/.msg"}, {'f', "/.msg"}}, "513\n"},
         {"msgIsDirectory", {{'u', "/.msg"}, {'d', "/.msg"}}, "513\n"},
         {"entrySwappedForLink", {{'m', ""}, {'l', "", "outside"}}, "513\n"},
+        // The copy back: 8 MiB of holes, a hole within the allowance, and
+        // real bytes past the received size plus 1 MiB.
+        {"msgGrownSparse", {{'t', "/.msg", "8388608"}}, "513\n"},
+        {"msgWithHole", {{'t', "/.msg", "65536"}}, "513\n"},
+        {"msgGrownPastAllowance", {{'a', "/.msg", "1048600"}}, "513\n"},
         {"linksOutBeforeWithdrawal",
          {{'l', "/file", "secret"},
           {'l', "/dir", "outside"},
