@@ -111,6 +111,39 @@ TEST_F(QueltRefd, CheckFindsTheSetUpWellOrSaysWhatToFix)
         << out;
 }
 
+// Engines' bytes are not trusted: a CR or ESC in a clamd signature name
+// does not reach the reply line, a spamd field with a control byte in any
+// of its lines is dropped whole (only clean X-Spam-* fields stay), and a
+// score that is not a finite number is an engine failure.
+TEST_F(QueltRefd, HostileEngineAnswersReachNeitherReplyNorSpool)
+{
+    const std::string engine = root + "/engine.sock", mail = "Subject: hi\n\nbody\n";
+    const std::string spamdHead = "SPAMD/1.1 0 EX_OK\r\nSpam: False ; 1.0 / 5.0\r\n\r\n";
+    const struct {
+        const char* name;
+        std::vector<std::string> args;
+        char end;
+        std::string answer, reply, added;
+    } rows[] = {
+        {"clamdName", {"--clamd", engine}, '\0', std::string("fd[9]: Evil\rName\x1b FOUND") + '\0',
+         RejectLine + " infected: Evil?Name?\n", ""},
+        {"spamdFields", {"--spamd", engine}, '\n',
+         spamdHead + "X-Spam-Flag: NO\r\nX-Spam-Status: No\rFrom: <e@x>\r\nX-Spam-Level: *\r\n"
+                     "\tFrom: x\x1b\r\nX-Spam-Checker-Version: 3\r\n\tfolded\r\nFrom: <e@x>\r\n\r\n",
+         PassLine + " clean\n", "X-Spam-Flag: NO\nX-Spam-Checker-Version: 3\n\tfolded\n"},
+        {"spamdNan", {"--spamd", engine, "--spam-reject", "5"}, '\n',
+         "SPAMD/1.1 0 EX_OK\r\nSpam: True ; nan / 5.0\r\n\r\nX-Spam-Flag: YES\r\n\r\n",
+         RejectLine + " Internal error\n", ""},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        PlayedDaemon played(engine, [&](const std::string&) { return row.answer; }, row.end);
+        RefDaemon daemon(basedir, row.args);
+        EXPECT_EQ(Check(row.name, mail), row.reply);
+        EXPECT_EQ(ReadFile(root + "/" + row.name), Envelope + row.added + mail);
+    }
+}
+
 // Under systemd's socket unit the daemon takes the listening descriptor it
 // is given: the socket file stays the one systemd made, before and after.
 TEST_F(QueltRefd, TakesTheSocketSystemdMade)
