@@ -28,8 +28,8 @@ bool IsBoundedAndDense(int fd, int64_t copySize, int64_t receivedSize, std::stri
 {
     if (copySize > receivedSize + HeaderAllowance) {
         cause = "daemon's copy has " + std::to_string(copySize) + " bytes, more than the " +
-                std::to_string(receivedSize) + " received plus " +
-                std::to_string(HeaderAllowance) + "; refused";
+                std::to_string(receivedSize) + " received plus " + std::to_string(HeaderAllowance) +
+                "; refused";
         return false;
     }
     if (copySize == 0)

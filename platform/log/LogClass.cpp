@@ -11,11 +11,11 @@
 
 #include <log4cxx/helpers/exception.h>
 #include <log4cxx/helpers/loglog.h>
+#include <log4cxx/helpers/outputstreamwriter.h>
 #include <log4cxx/helpers/pool.h>
 #include <log4cxx/level.h>
 #include <log4cxx/logmanager.h>
 #include <log4cxx/net/syslogappender.h>
-#include <log4cxx/helpers/outputstreamwriter.h>
 #include <log4cxx/patternlayout.h>
 #include <log4cxx/writerappender.h>
 

@@ -91,8 +91,9 @@ IMPLEMENT_LOG4CXX_OBJECT(DescriptorStream)
 int OpenLogFile(const std::string& path, std::string& cause)
 {
     const std::size_t slash = path.rfind('/');
-    const std::string dir =
-        slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    const std::string dir = slash == std::string::npos ? "."
+                            : slash == 0               ? "/"
+                                                       : path.substr(0, slash);
     const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
     OpenedFd dirFd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     struct stat status;
@@ -105,10 +106,9 @@ int OpenLogFile(const std::string& path, std::string& cause)
                 std::to_string(::geteuid()) + "; log to syslog or to a directory like /var/log";
         return -1;
     }
-    OpenedFd file(::openat(dirFd.Get(), name.c_str(),
-                           O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY |
-                               O_CLOEXEC,
-                           0640));
+    OpenedFd file(::openat(
+        dirFd.Get(), name.c_str(),
+        O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0640));
     if (file.Get() < 0 || ::fstat(file.Get(), &status) != 0) {
         cause = SystemCause("can not open log file", path);
         return -1;

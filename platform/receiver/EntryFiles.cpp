@@ -35,8 +35,8 @@ int DirectoryOf(const std::string& path, bool needInPlace, Descriptor& opened, s
     const std::string dir = path.substr(0, slash);
     if (const MsgEntryImpl* entry = MsgEntryImpl::Find(dir))
         return !needInPlace || entry->InPlace(cause) ? entry->DirFd() : -1;
-    opened.Reset(::open(dir.empty() ? "/" : dir.c_str(),
-                        O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    opened.Reset(
+        ::open(dir.empty() ? "/" : dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!opened.IsValid())
         cause = SystemCause("can not open directory", dir);
     return opened.Get();
@@ -91,8 +91,8 @@ int OpenEntryFileForReading(const std::string& path, struct stat& status, std::s
         return -1;
     // O_NONBLOCK only so that opening a planted FIFO does not wait for a
     // writer; a regular file, the only kind accepted, ignores it when read.
-    Descriptor file(::openat(dirFd, name.c_str(),
-                             O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    Descriptor file(
+        ::openat(dirFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!file.IsValid()) {
         cause = SystemCause("can not open", path);
         return -1;

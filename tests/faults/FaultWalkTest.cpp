@@ -243,9 +243,10 @@ protected:
         const std::string fd = Field(fired, "fd"), entries = basedir + "msgs/";
         // A log line ("%-7r [%t] ...") on its way to the log file.
         static const std::regex logLine("[0-9]+\\.+\\[.*");
-        const bool logBackEnd = caller.find("libapr") != std::string::npos ||
-                                caller.find("liblog4cxx") != std::string::npos ||
-                                (family == "write" && std::regex_match(Field(fired, "bytes"), logLine));
+        const bool logBackEnd =
+            caller.find("libapr") != std::string::npos ||
+            caller.find("liblog4cxx") != std::string::npos ||
+            (family == "write" && std::regex_match(Field(fired, "bytes"), logLine));
         if (fired.empty()) {
             ExpectAsClean(run, clean); // past the last call
             return '-';

@@ -2,9 +2,6 @@
 // its checks with their exact texts, the log it sets up (a real file). The
 // exits, the refused options and the start-up failures in the driver are the
 // end-to-end tests'.
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdlib>
 #include <exception>
 #include <sstream>
@@ -60,6 +57,17 @@ protected:
 // text, the error action still at pass.
 TEST_F(CommandLine, SettingsOrTheFirstFailureAndTheLogName)
 {
+    // The log file where only root can have chosen what it is. The account
+    // (nobody) plants a link in a folder of its own; the other rows stand for
+    // what it could leave elsewhere: a link, a second name of root's file, a
+    // file of its own, a FIFO, a group-writable folder.
+    const std::string setUp =
+        "cd " + dir.Path().string() + " && echo root > kept && mkdir -m 755 own && chown " +
+        "65534 own && setpriv --reuid=65534 --regid=65534 --clear-groups ln -s ../absent " +
+        "own/filter.log && ln -s absent link.log && ln kept second.log && touch others.log && " +
+        "chown 65534 others.log && mkfifo fifo.log && mkdir -m 775 group";
+    ASSERT_EQ(std::system(setUp.c_str()), 0);
+    const std::string refusedLog = "Error in init log system, a0";
     const struct {
         std::string args, expected;
     } rows[] = {
@@ -73,7 +81,13 @@ TEST_F(CommandLine, SettingsOrTheFirstFailureAndTheLogName)
         {"-t ten", "the argument ('ten') for option '--timeout' is invalid, a0"},
         {"-l loud", "Error in init log system, a0"},
         {"-i loud", "Error in init log system, a0"},
-        {"--log-filename " + dir / "no-such-dir/filter.log", "Error in init log system, a0"},
+        {"--log-filename " + dir / "no-such-dir/filter.log", refusedLog},
+        {"--log-filename " + dir / "own/filter.log", refusedLog},
+        {"--log-filename " + dir / "link.log", refusedLog},
+        {"--log-filename " + dir / "second.log", refusedLog},
+        {"--log-filename " + dir / "others.log", refusedLog},
+        {"--log-filename " + dir / "fifo.log", refusedLog},
+        {"--log-filename " + dir / "group/filter.log", refusedLog},
         {"--interface=-1", "interface must be 0 or 1, a0"},
         {"--interface=7 -t 0", "interface must be 0 or 1, a0"},
         {"-t 0 -e bogus", "timeout must be > 0, a0"},
@@ -92,46 +106,13 @@ TEST_F(CommandLine, SettingsOrTheFirstFailureAndTheLogName)
                   row.expected)
             << row.args;
     }
+    EXPECT_EQ(ReadFile(dir / "kept"), "root\n");
+    EXPECT_EQ(ModeOf(dir / "absent") & ModeOf(dir / "group/filter.log"), 07777u);
     // The log's name changes only when one is given.
     Run("--log-name ''");
     EXPECT_EQ(Log.GetName(), "zmailer");
     Run("--log-name zfilter --id recv-7");
     EXPECT_EQ(Log.GetName() + logName + receiverId, "zfilterzfilterrecv-7");
-}
-
-// The log file is opened as root only where nobody else can have chosen what
-// it is. The account (nobody) plants a link in a directory of its own; the
-// other rows stand for what such an account could leave: a link, a second
-// name of root's file, a file of its own, a FIFO, a group-writable folder.
-// Each is refused with the log set-up's text, and root's files stay as they
-// were; a new file is made 0640.
-TEST_F(CommandLine, LogFileOnlyWhereNobodyElseChoseIt)
-{
-    const std::string kept = dir / "kept", absent = dir / "absent", own = dir / "own";
-    const std::string group = dir / "group", fresh = dir / "fresh.log";
-    WriteFile(kept, "root's\n");
-    for (const std::string& folder : {own, group})
-        ASSERT_EQ(::mkdir(folder.c_str(), 0775), 0);
-    ASSERT_EQ(::chmod(group.c_str(), 0775), 0);
-    ASSERT_EQ(::chmod(own.c_str(), 0755), 0);
-    ASSERT_EQ(::chown(own.c_str(), 65534, 65534), 0);
-    ASSERT_EQ(std::system(("setpriv --reuid=65534 --regid=65534 --clear-groups ln -s " + absent +
-                           " " + own + "/filter.log")
-                              .c_str()),
-              0);
-    ASSERT_EQ(::symlink(absent.c_str(), (dir / "link.log").c_str()), 0);
-    ASSERT_EQ(::link(kept.c_str(), (dir / "second.log").c_str()), 0);
-    WriteFile(dir / "others.log", "");
-    ASSERT_EQ(::chown((dir / "others.log").c_str(), 65534, 65534), 0);
-    ASSERT_EQ(::mkfifo((dir / "fifo.log").c_str(), 0600), 0);
-    for (const std::string& log : {own + "/filter.log", dir / "link.log", dir / "second.log",
-                                   dir / "others.log", dir / "fifo.log", group + "/filter.log"})
-        EXPECT_EQ(Run("--log-filename " + log), "Error in init log system") << log;
-    EXPECT_EQ(ReadFile(kept), "root's\n");
-    EXPECT_EQ(ModeOf(absent), 07777u);
-    EXPECT_EQ(ModeOf(group + "/filter.log"), 07777u);
-    EXPECT_EQ(Run("--log-filename " + fresh), "");
-    EXPECT_EQ(ModeOf(fresh), 0640u);
 }
 
 } // namespace

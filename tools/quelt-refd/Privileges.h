@@ -26,7 +26,6 @@ bool MustDrop(const Account& account);
 // socket file is made root:<group> 0660 at once, so nothing is changed by
 // path afterwards. Both are restored before it returns. Returns bind's result
 // with errno kept.
-int BindAsGroup(const Account& account, int fd, const struct sockaddr* address,
-                socklen_t length);
+int BindAsGroup(const Account& account, int fd, const struct sockaddr* address, socklen_t length);
 
 void DropPrivileges(const Account& account);

@@ -149,8 +149,8 @@ int RunSelfCheck(const std::string& baseDir, const std::string& user)
     }
     // systemd's socket unit makes it the account's; the daemon started as
     // root makes it root's with the account's group.
-    const bool owned = status.st_uid == account.pw_uid ||
-                       (status.st_uid == 0 && status.st_gid == account.pw_gid);
+    const bool owned =
+        status.st_uid == account.pw_uid || (status.st_uid == 0 && status.st_gid == account.pw_gid);
     if (!owned || (status.st_mode & 0777) != 0660)
         report.Problem(socket + " is neither " + user + "'s nor root:" + group +
                            ", each with mode 0660",
