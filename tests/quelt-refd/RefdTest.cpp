@@ -134,7 +134,8 @@ TEST_F(QueltRefd, HostileEngineAnswersReachNeitherReplyNorSpool)
         SCOPED_TRACE(row[1]);
         const bool clamd = row[0] == "--clamd";
         PlayedDaemon played(
-            engine, [&](const std::string&) { return row[1]; }, clamd ? '\0' : '\n');
+            engine, [&](const std::string&) { return row[1]; },
+            clamd ? std::string(2, '\0') : "\n");
         RefDaemon daemon(basedir,
                          {row[0], engine, clamd ? "--engine-timeout" : "--spam-reject", "5"});
         EXPECT_EQ(Check("spool", mail), row[2]);

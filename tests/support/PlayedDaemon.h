@@ -43,9 +43,10 @@ public:
     using Script = std::function<std::string(const std::string& request)>;
     static constexpr int BoundMs = 20000;
 
-    // end: the byte that ends a request (clamd's commands end in NUL).
-    PlayedDaemon(const std::string& socketPath, Script script, char end = '\n')
-        : path(socketPath), script(std::move(script)), end(end)
+    // end: what ends a request (clamd's zFILDES: its NUL, then the
+    // descriptor's message of one NUL byte).
+    PlayedDaemon(const std::string& socketPath, Script script, std::string end = "\n")
+        : path(socketPath), script(std::move(script)), end(std::move(end))
     {
         if (::pipe2(stopPipe, O_CLOEXEC) != 0)
             throw std::runtime_error("pipe failed");
@@ -113,7 +114,7 @@ private:
 
     const std::string path;
     const Script script;
-    const char end;
+    const std::string end;
     int stopPipe[2] = {-1, -1};
     int listener = -1;
     std::string request;
