@@ -113,9 +113,12 @@ int OpenLogFile(const std::string& path, std::string& cause)
         cause = SystemCause("can not open log file", path);
         return -1;
     }
-    if (!S_ISREG(status.st_mode) || status.st_uid != ::geteuid() || status.st_nlink != 1) {
+    // A character device (/dev/null: log nothing) can only be root's making.
+    const bool device = S_ISCHR(status.st_mode) && status.st_uid == 0;
+    if (!device &&
+        (!S_ISREG(status.st_mode) || status.st_uid != ::geteuid() || status.st_nlink != 1)) {
         cause = "log file " + path + " is not a regular file of uid " +
-                std::to_string(::geteuid()) + " with one link";
+                std::to_string(::geteuid()) + " with one link, nor root's character device";
         return -1;
     }
     const int flags = ::fcntl(file.Get(), F_GETFL);

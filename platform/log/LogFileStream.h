@@ -14,7 +14,8 @@
 // following a link and without blocking on what is not a regular file.
 // Refused: a directory that anyone but root and the effective user may
 // write (owner root or the effective user, no group or other write bit), and
-// a file that is not a regular file of the effective user with one link.
+// a file that is not a regular file of the effective user with one link (or a
+// character device of root's, such as /dev/null).
 int OpenLogFile(const std::string& path, std::string& cause);
 
 // A stream that appends every buffer to fd, whole, and closes fd when it is
