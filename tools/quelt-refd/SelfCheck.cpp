@@ -122,6 +122,9 @@ int RunSelfCheck(const std::string& baseDir, const std::string& user)
     if ((status.st_mode & 002) != 0)
         report.Problem(baseDir + " is writable by everyone (" + Octal(status.st_mode) + ")",
                        "chmod o-w " + baseDir);
+    else if (status.st_uid == account.pw_uid)
+        report.Problem(baseDir + " is " + user + "'s: the account could rearrange it",
+                       "chown root:" + group + " " + baseDir + " && chmod 0750 " + baseDir);
     else
         report.Ok("base directory " + baseDir + " (" + Octal(status.st_mode) + ")");
 
