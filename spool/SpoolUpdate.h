@@ -1,7 +1,9 @@
 // spool/SpoolUpdate.h: UpdateSpoolFile writes the daemon's changed message
 // copy back over the spool file's message part, in place (ZMailer holds the
-// inode). spoolFd must already stand at envelopeSize. Returns fsync's result;
-// throws std::domain_error on every other failure.
+// inode). spoolFd must already stand at envelopeSize. A copy larger than
+// receivedSize plus 1 MiB (the daemon's header lines), or with a hole, is
+// refused before the spool file is touched. Returns fsync's result; throws
+// std::domain_error on every other failure.
 #pragma once
 
 #include <cstdint>

@@ -9,14 +9,17 @@
 
 #include <cctype>
 
-#include <log4cxx/fileappender.h>
 #include <log4cxx/helpers/exception.h>
 #include <log4cxx/helpers/loglog.h>
+#include <log4cxx/helpers/outputstreamwriter.h>
 #include <log4cxx/helpers/pool.h>
 #include <log4cxx/level.h>
 #include <log4cxx/logmanager.h>
 #include <log4cxx/net/syslogappender.h>
 #include <log4cxx/patternlayout.h>
+#include <log4cxx/writerappender.h>
+
+#include "platform/log/LogFileStream.h"
 
 LogClass Log;
 
@@ -85,17 +88,6 @@ log4cxx::LevelPtr LevelByName(std::string levelName)
     if (levelName == "fatal")
         return log4cxx::Level::getFatal();
     return log4cxx::LevelPtr();
-}
-
-// The file appender reports an unopenable file only to its own error
-// handler; try the open ourselves so that Initialize can say false.
-bool CanAppendTo(const std::string& path)
-{
-    int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
-    if (fd < 0)
-        return false;
-    (void)::close(fd); // opened only as a probe; nothing was written
-    return true;
 }
 
 // Until Initialize has chosen a target, nothing is logged: the back end
@@ -167,17 +159,25 @@ bool LogClass::Initialize(const std::string& target, const std::string& levelNam
         appender = std::make_shared<log4cxx::net::SyslogAppender>(layout, facilityCode);
         OpenSyslog(*this, facilityCode);
     } else {
-        if (!CanAppendTo(target))
+        // Opened here once, safely, and logged to through that descriptor.
+        // The refusal's cause cannot go to a log that is not set up, nor to
+        // standard error (smtpserver reads it as the conversation): it goes
+        // to the system log.
+        std::string cause;
+        const int fd = OpenLogFile(target, cause);
+        if (fd < 0) {
+            ::syslog(LOG_MAIL | LOG_ERR, "%s", cause.c_str());
             return false;
-        auto fileAppender = std::make_shared<log4cxx::FileAppender>();
-        fileAppender->setLayout(layout);
-        fileAppender->setFile(target);
-        fileAppender->setAppend(true);
+        }
+        log4cxx::helpers::OutputStreamPtr stream = MakeDescriptorStream(fd);
+        auto writerAppender = std::make_shared<log4cxx::WriterAppender>();
+        writerAppender->setLayout(layout);
+        writerAppender->setWriter(std::make_shared<log4cxx::helpers::OutputStreamWriter>(stream));
         // Every line must be in the file when the reply goes out.
-        fileAppender->setImmediateFlush(true);
+        writerAppender->setImmediateFlush(true);
         log4cxx::helpers::Pool pool;
-        fileAppender->activateOptions(pool);
-        appender = fileAppender;
+        writerAppender->activateOptions(pool);
+        appender = writerAppender;
     }
 
     log4cxx::LoggerPtr root = log4cxx::Logger::getRootLogger();

@@ -35,8 +35,8 @@ int DirectoryOf(const std::string& path, bool needInPlace, Descriptor& opened, s
     const std::string dir = path.substr(0, slash);
     if (const MsgEntryImpl* entry = MsgEntryImpl::Find(dir))
         return !needInPlace || entry->InPlace(cause) ? entry->DirFd() : -1;
-    opened.Reset(::open(dir.empty() ? "/" : dir.c_str(),
-                        O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    opened.Reset(
+        ::open(dir.empty() ? "/" : dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!opened.IsValid())
         cause = SystemCause("can not open directory", dir);
     return opened.Get();
@@ -51,11 +51,22 @@ int CreateEntryFile(const std::string& path, mode_t mode, std::string& cause)
     const int dirFd = DirectoryOf(path, false, opened, name, cause);
     if (dirFd < 0)
         return -1;
-    const int fd = ::openat(dirFd, name.c_str(),
-                            O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
-    if (fd < 0)
+    Descriptor file(
+        ::openat(dirFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+    if (!file.IsValid()) {
         cause = SystemCause("can not create", path);
-    return fd;
+        return -1;
+    }
+    // A live entry keeps a descriptor of its own for the hand-over.
+    if (MsgEntryImpl* entry = MsgEntryImpl::Find(path.substr(0, path.rfind('/')))) {
+        const int kept = ::fcntl(file.Get(), F_DUPFD_CLOEXEC, 0);
+        if (kept < 0) {
+            cause = SystemCause("can not keep", path);
+            return -1;
+        }
+        entry->KeepFile(kept);
+    }
+    return file.Release();
 }
 
 bool RemoveEntryFile(const std::string& path, std::string& cause)
@@ -80,8 +91,8 @@ int OpenEntryFileForReading(const std::string& path, struct stat& status, std::s
         return -1;
     // O_NONBLOCK only so that opening a planted FIFO does not wait for a
     // writer; a regular file, the only kind accepted, ignores it when read.
-    Descriptor file(::openat(dirFd, name.c_str(),
-                             O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    Descriptor file(
+        ::openat(dirFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!file.IsValid()) {
         cause = SystemCause("can not open", path);
         return -1;

@@ -12,7 +12,8 @@
 #include <string>
 
 // Creates the file at path for writing: a new regular file with exactly the
-// given mode, never one that was there before.
+// given mode, never one that was there before. In a live entry, the entry
+// keeps a descriptor of it for MsgEntry::SetOwner.
 int CreateEntryFile(const std::string& path, mode_t mode, std::string& cause);
 
 // Removes the file at path (never a directory, never what a link points to).

@@ -41,9 +41,9 @@ bool WarnOwner(const std::string& path, int32_t uid, int32_t gid, int error)
 }
 
 // Live entries, for MsgEntryImpl::Find. The filter has one at a time.
-std::vector<const MsgEntryImpl*>& LiveEntries()
+std::vector<MsgEntryImpl*>& LiveEntries()
 {
-    static std::vector<const MsgEntryImpl*> entries;
+    static std::vector<MsgEntryImpl*> entries;
     return entries;
 }
 
@@ -114,9 +114,9 @@ MsgEntryImpl::~MsgEntryImpl()
     live.erase(std::remove(live.begin(), live.end(), this), live.end());
 }
 
-const MsgEntryImpl* MsgEntryImpl::Find(const std::string& dir)
+MsgEntryImpl* MsgEntryImpl::Find(const std::string& dir)
 {
-    for (const MsgEntryImpl* entry : LiveEntries())
+    for (MsgEntryImpl* entry : LiveEntries())
         if (entry->dir == dir)
             return entry;
     return nullptr;
@@ -139,18 +139,11 @@ bool MsgEntryImpl::InPlace(std::string& cause) const
 bool MsgEntryImpl::SetOwner(int32_t uid, int32_t gid)
 {
     // The files first and the directory last: until the directory is the
-    // account's, nothing can be put in it, so each name is still the file the
-    // filter wrote when it is handed over.
-    for (const std::string& name :
-         {std::string(EnvelopeFilename), ConfHolderShared::GetMsgFilename()}) {
-        if (::fchownat(dirFd.Get(), name.c_str(), static_cast<uid_t>(uid), static_cast<gid_t>(gid),
-                       AT_SYMLINK_NOFOLLOW) != 0) {
-            int error = errno;
-            if (error == ENOENT)
-                continue; // not written for this message; nothing to hand over
-            return WarnOwner(dir + "/" + name, uid, gid, error);
-        }
-    }
+    // account's, nothing can be put in it. Each file is the one the filter
+    // created, reached through its own descriptor whatever its name is now.
+    for (const Descriptor& file : files)
+        if (::fchown(file.Get(), static_cast<uid_t>(uid), static_cast<gid_t>(gid)) != 0)
+            return WarnOwner(dir + "/ file", uid, gid, errno);
     if (::fchown(dirFd.Get(), static_cast<uid_t>(uid), static_cast<gid_t>(gid)) != 0)
         return WarnOwner(dir, uid, gid, errno);
     return true;

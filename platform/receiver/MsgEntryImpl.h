@@ -3,10 +3,13 @@
 // descriptor of the directory that Receiver::CreateMsgEntry made: every file
 // operation inside the entry goes through that descriptor, so an entry that
 // the daemon's account renames or replaces by a link cannot redirect one.
+// The files the filter creates in it are kept open too, and handed over
+// through those descriptors, never by name.
 #pragma once
 
 #include <sys/stat.h>
 
+#include <list>
 #include <memory>
 #include <string>
 
@@ -34,13 +37,15 @@ public:
     void SetReplyText(std::string text) { replyText = std::move(text); }
 
     int DirFd() const { return dirFd.Get(); }
+    // Keeps fd, a file just created in the entry, for SetOwner. Takes fd.
+    void KeepFile(int fd) { files.emplace_back(fd); }
     // True when the entry's name in "msgs/" is still the directory this
     // entry made; otherwise false with the cause.
     bool InPlace(std::string& cause) const;
 
     // The live entry whose directory path is dir, or null: how the file
     // helpers find the pinned descriptor behind a path.
-    static const MsgEntryImpl* Find(const std::string& dir);
+    static MsgEntryImpl* Find(const std::string& dir);
 
 private:
     ~MsgEntryImpl() override;
@@ -49,6 +54,7 @@ private:
     const std::string dir;
     const std::shared_ptr<const Descriptor> entries;
     Descriptor dirFd;
+    std::list<Descriptor> files; // created in the entry, in creation order
     dev_t device = 0;
     ino_t inode = 0;
     std::string replyText;

@@ -4,6 +4,7 @@
 #include "platform/receiver/Receiver.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -52,8 +53,11 @@ std::string SanitiseId(const char* receiverId)
 // directory's group (the daemon's account in the documented set-up), mode
 // 1770: the account reaches the entries handed to it and may remove them, but
 // the sticky bit keeps it from renaming or removing an entry it has not been
-// given yet. A folder of the filter's own user is brought to that state; one
-// of another owner is the administrator's choice and left alone.
+// given yet. A folder of another owner, one without the sticky bit, with the
+// set-group-id bit or writable by others is refused: whoever could make or
+// rearrange it could reach entries before they are handed over. A group or
+// mode of the filter's own folder that differs otherwise is brought to that
+// state through the folder's descriptor.
 int OpenEntriesFolder(int baseFd, const std::string& path)
 {
     const mode_t mode = S_ISVTX | 0770;
@@ -70,8 +74,17 @@ int OpenEntriesFolder(int baseFd, const std::string& path)
         LogError("can not open entries folder " + path + ":" + std::strerror(errno));
         return -1;
     }
-    if (folder.st_uid == ::geteuid() &&
-        (folder.st_gid != base.st_gid || (folder.st_mode & 07777) != mode)) {
+    if (folder.st_uid != ::geteuid() || (folder.st_mode & S_ISVTX) == 0 ||
+        (folder.st_mode & (S_ISGID | S_IWOTH)) != 0) {
+        char found[8];
+        std::snprintf(found, sizeof found, "%04o", static_cast<unsigned>(folder.st_mode & 07777));
+        LogError("entries folder " + path + " is uid " + std::to_string(folder.st_uid) + " mode " +
+                 found + ", not uid " + std::to_string(::geteuid()) +
+                 " with the sticky bit, without set-group-id and not writable by others; "
+                 "refused. Fix: mv " + path + " aside; it is made anew");
+        return -1;
+    }
+    if (folder.st_gid != base.st_gid || (folder.st_mode & 07777) != mode) {
         // Without the group the account reaches no entry: refuse to start.
         if (::fchown(entries.Get(), static_cast<uid_t>(-1), base.st_gid) != 0 ||
             ::fchmod(entries.Get(), mode) != 0) {

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <boost/filesystem.hpp>
@@ -39,8 +40,9 @@ class Boundary : public ::testing::Test, protected FilterSandbox
 protected:
     void SetUp() override
     {
-        // The documented set-up: the base directory is the account's.
-        ASSERT_EQ(::chown(basedir.c_str(), Account, Account), 0);
+        // The documented set-up: the base directory is root's, of the
+        // account's group.
+        ASSERT_EQ(::chown(basedir.c_str(), 0, Account), 0);
         ASSERT_EQ(::chmod(basedir.c_str(), 0750), 0);
         WriteFile(secret, Secret);
         ASSERT_EQ(::chmod(secret.c_str(), 0600), 0);
@@ -62,9 +64,9 @@ protected:
 // What the account does to the entry: each step an operation on a path in
 // it ("" is the entry itself) and, for a link, its target in the sandbox.
 struct Step {
-    char op; // 'u'nlink, 'l'ink, 'f'ifo, 'd'irectory, 'm'ove aside
+    char op; // 'u'nlink, 'l'ink, 'f'ifo, 'd'irectory, 'm'ove aside, 't'runcate
     const char* path;
-    const char* target = "";
+    const char* target = ""; // for 't' the new size
 };
 
 // Serves one request as the account: runs the steps on the entry directory,
@@ -91,6 +93,7 @@ void PlayAccount(int listener, const std::vector<Step>& steps, const std::string
                : step.op == 'l' ? ::symlink(target.c_str(), at)
                : step.op == 'f' ? ::mkfifo(at, 0660)
                : step.op == 'd' ? ::mkdir(at, 0770)
+               : step.op == 't' ? ::truncate(at, std::atol(step.target))
                                 : ::rename(at, (path + ".moved").c_str()));
     }
     (void)::write(client, answer.data(), answer.size());
@@ -108,6 +111,9 @@ TEST_F(Boundary, CompromisedAccountGetsNothingOfRoot)
         {"msgIsFifo", {{'u', "/.msg"}, {'f', "/.msg"}}, "513\n"},
         {"msgIsDirectory", {{'u', "/.msg"}, {'d', "/.msg"}}, "513\n"},
         {"entrySwappedForLink", {{'m', ""}, {'l', "", "outside"}}, "513\n"},
+        // The copy back: 8 MiB (past the received size plus 1 MiB), a hole.
+        {"msgGrownPastAllowance", {{'t', "/.msg", "8388608"}}, "513\n"},
+        {"msgWithHole", {{'t', "/.msg", "65536"}}, "513\n"},
         {"linksOutBeforeWithdrawal",
          {{'l', "/file", "secret"},
           {'l', "/dir", "outside"},
@@ -140,12 +146,33 @@ TEST_F(Boundary, CompromisedAccountGetsNothingOfRoot)
     }
 }
 
+// Where the account owns the base directory (the earlier layout), it can
+// put a "msgs/" of its own, set-group-id, where the filter's belongs: the
+// filter refuses to start rather than make entries in it.
+TEST_F(Boundary, FilterRefusesAnEntriesFolderOfTheAccount)
+{
+    ASSERT_EQ(::chown(basedir.c_str(), Account, Account), 0);
+    std::vector<std::string> swap = AsAccount;
+    swap.insert(swap.end(), {"/bin/sh", "-c", "cd " + basedir + " && mkdir -m 3770 msgs"});
+    ASSERT_EQ(RunProgram(swap).status, 0);
+    const RunResult run = RunProgram(
+        Args({"--user", "nobody", "-e", "tempfail", "--log-filename", root + "/log"}), "x\n");
+    EXPECT_EQ(run.out, TempfailLine + " Internal error\n");
+    EXPECT_EQ(run.err, "error: can not initialize Receiver module\n");
+    EXPECT_EQ(run.status, 1);
+}
+
 // The documented set-up end to end: the real daemon, started as root, binds
 // and becomes the account; as such it reads and rewrites the entries the
 // root filter hands it, and the account may remove the ones kept for it.
 TEST_F(Boundary, DaemonAsTheAccountReachesEveryEntry)
 {
     RefDaemon daemon(basedir, {"--add-header", "X-Checked: yes", "--user", "nobody"});
+    // Made by root with the account's group at bind, never changed by path.
+    struct stat socket;
+    ASSERT_EQ(::lstat((basedir + "quelt.sock").c_str(), &socket), 0);
+    EXPECT_EQ(std::make_tuple(socket.st_uid, socket.st_gid, socket.st_mode & 07777),
+              std::make_tuple(0u, Account, 0660u));
     const std::string clean = Spool("clean", Message);
     const std::string virus = Spool("virus", Message + Eicar + "\n");
     const RunResult run = RunProgram(args, clean + "\n" + virus + "\n");

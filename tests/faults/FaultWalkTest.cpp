@@ -241,8 +241,12 @@ protected:
     {
         const std::string caller = Field(fired, "caller"), path = Field(fired, "path");
         const std::string fd = Field(fired, "fd"), entries = basedir + "msgs/";
-        const bool logBackEnd = caller.find("libapr") != std::string::npos ||
-                                caller.find("liblog4cxx") != std::string::npos;
+        // A log line ("%-7r [%t] ...") on its way to the log file.
+        static const std::regex logLine("[0-9]+\\.+\\[.*");
+        const bool logBackEnd =
+            caller.find("libapr") != std::string::npos ||
+            caller.find("liblog4cxx") != std::string::npos ||
+            (family == "write" && std::regex_match(Field(fired, "bytes"), logLine));
         if (fired.empty()) {
             ExpectAsClean(run, clean); // past the last call
             return '-';

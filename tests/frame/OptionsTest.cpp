@@ -2,6 +2,7 @@
 // its checks with their exact texts, the log it sets up (a real file). The
 // exits, the refused options and the start-up failures in the driver are the
 // end-to-end tests'.
+#include <cstdlib>
 #include <exception>
 #include <sstream>
 #include <string>
@@ -56,6 +57,17 @@ protected:
 // text, the error action still at pass.
 TEST_F(CommandLine, SettingsOrTheFirstFailureAndTheLogName)
 {
+    // The log file where only root can have chosen what it is. The account
+    // (nobody) plants a link in a folder of its own; the other rows stand for
+    // what it could leave elsewhere: a link, a second name of root's file, a
+    // file of its own, a FIFO, a group-writable folder.
+    const std::string setUp =
+        "cd " + dir.Path().string() + " && echo root > kept && mkdir -m 755 own && chown " +
+        "65534 own && setpriv --reuid=65534 --regid=65534 --clear-groups ln -s ../absent " +
+        "own/filter.log && ln -s absent link.log && ln kept second.log && touch others.log && " +
+        "chown 65534 others.log && mkfifo fifo.log && mkdir -m 775 group";
+    ASSERT_EQ(std::system(setUp.c_str()), 0);
+    const std::string refusedLog = "Error in init log system, a0";
     const struct {
         std::string args, expected;
     } rows[] = {
@@ -69,7 +81,13 @@ TEST_F(CommandLine, SettingsOrTheFirstFailureAndTheLogName)
         {"-t ten", "the argument ('ten') for option '--timeout' is invalid, a0"},
         {"-l loud", "Error in init log system, a0"},
         {"-i loud", "Error in init log system, a0"},
-        {"--log-filename " + dir / "no-such-dir/filter.log", "Error in init log system, a0"},
+        {"--log-filename " + dir / "no-such-dir/filter.log", refusedLog},
+        {"--log-filename " + dir / "own/filter.log", refusedLog},
+        {"--log-filename " + dir / "link.log", refusedLog},
+        {"--log-filename " + dir / "second.log", refusedLog},
+        {"--log-filename " + dir / "others.log", refusedLog},
+        {"--log-filename " + dir / "fifo.log", refusedLog},
+        {"--log-filename " + dir / "group/filter.log", refusedLog},
         {"--interface=-1", "interface must be 0 or 1, a0"},
         {"--interface=7 -t 0", "interface must be 0 or 1, a0"},
         {"-t 0 -e bogus", "timeout must be > 0, a0"},
@@ -88,6 +106,8 @@ TEST_F(CommandLine, SettingsOrTheFirstFailureAndTheLogName)
                   row.expected)
             << row.args;
     }
+    EXPECT_EQ(ReadFile(dir / "kept"), "root\n");
+    EXPECT_EQ(ModeOf(dir / "absent") & ModeOf(dir / "group/filter.log"), 07777u);
     // The log's name changes only when one is given.
     Run("--log-name ''");
     EXPECT_EQ(Log.GetName(), "zmailer");

@@ -39,6 +39,7 @@ for entry in \
     "-rw-r--r-- root/root ./usr/share/man/man8/vorex-zmailer.8.gz" \
     "-rw-r--r-- root/root ./usr/share/man/man8/quelt-refd.8.gz" \
     "-rw-r--r-- root/root ./lib/systemd/system/quelt-refd.service" \
+    "-rw-r--r-- root/root ./lib/systemd/system/quelt-refd.socket" \
     "-rw-r--r-- root/root ./etc/default/quelt-refd" \
     "-rw-r--r-- root/root ./usr/share/doc/vorex-zmailer/README.md.gz" \
     "-rw-r--r-- root/root ./usr/share/doc/vorex-zmailer/examples/process.cf.snippet" \
@@ -69,8 +70,13 @@ check "shipped options are the former wrapper's" same "$(grep -v '^#' "$root/etc
 unit=$root/lib/systemd/system/quelt-refd.service
 for line in "Type=simple" "User=vorex" "Group=vorex" "EnvironmentFile=-/etc/default/quelt-refd" \
     "RestartPreventExitStatus=2" \
-    "ExecStart=/usr/sbin/quelt-refd --basedir /var/vorex --facility mail \$OPTIONS"; do
+    "ExecStart=/usr/sbin/quelt-refd --basedir /var/vorex --facility mail \$OPTIONS" \
+    "Requires=quelt-refd.socket" "ProtectProc=invisible" "IPAddressDeny=any"; do
     check "unit: $line" grep -qxF -- "$line" "$unit"
+done
+for line in "ListenStream=/var/vorex/quelt.sock" "SocketUser=vorex" "SocketGroup=vorex" \
+    "SocketMode=0660"; do
+    check "socket unit: $line" grep -qxF -- "$line" "${unit%.service}.socket"
 done
 check "conffile /etc/default/quelt-refd" grep -qx /etc/default/quelt-refd "$tmp/control/conffiles"
 check "conffile /etc/vorex/zmailer-filter.conf" grep -qx /etc/vorex/zmailer-filter.conf \

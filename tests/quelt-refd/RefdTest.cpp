@@ -66,6 +66,7 @@ TEST_F(QueltRefd, SweepsKeptEntriesAndServesPastASilentClient)
     const std::string msgs = basedir + "msgs/", outside = basedir + "outside";
     WriteFile(outside, "keep me");
     fs::create_directories(msgs + "kept");
+    fs::permissions(msgs, fs::perms(01770)); // as the filter makes it (it refuses others)
     fs::create_directories(msgs + "foreign");
     fs::create_symlink(outside, msgs + "kept/.msg");
     fs::create_symlink(basedir, msgs + "linkedDir");
@@ -115,6 +116,52 @@ TEST_F(QueltRefd, CheckFindsTheSetUpWellOrSaysWhatToFix)
     EXPECT_NE(out.find("(fix: chown root:nogroup " + msgs + " && chmod 1770 " + msgs + ")\n"),
               std::string::npos)
         << out;
+}
+
+// Engines' bytes are not trusted: a CR or ESC in a clamd signature name
+// does not reach the reply line, a spamd field with a control byte in any
+// of its lines is dropped whole (only clean X-Spam-* fields stay), and a
+// score that is not a finite number is an engine failure.
+TEST_F(QueltRefd, HostileEngineAnswersReachNeitherReplyNorSpool)
+{
+    const std::string engine = root + "/engine.sock", mail = "Subject: hi\n\nbody\n";
+    const std::string spamd = "SPAMD/1.1 0 EX_OK\r\nSpam: False ; 1.0 / 5.0\r\n\r\nX-Spam-Flag: ";
+    // The engine, its answer, the reply line, the header lines put into the message.
+    const std::vector<std::string> rows[] = {
+        {"--clamd", std::string("fd[9]: Evil\rName\x1b FOUND") + '\0',
+         RejectLine + " infected: Evil?Name?\n", ""},
+        {"--spamd",
+         spamd + "NO\r\nX-Spam-Status: No\rFrom: <e@x>\r\nX-Spam-Level: *\r\n\tFrom: x\x1b\r\n"
+                 "X-Spam-Checker-Version: 3\r\n\tfolded\r\nFrom: <e@x>\r\n\r\n",
+         PassLine + " clean\n", "X-Spam-Flag: NO\nX-Spam-Checker-Version: 3\n\tfolded\n"},
+        {"--spamd", "SPAMD/1.1 0 EX_OK\r\nSpam: True ; nan / 5.0\r\n\r\nX-Spam-Flag: YES\r\n\r\n",
+         RejectLine + " Internal error\n", ""},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row[1]);
+        const bool clamd = row[0] == "--clamd";
+        PlayedDaemon played(
+            engine, [&](const std::string&) { return row[1]; },
+            clamd ? std::string(2, '\0') : "\n");
+        RefDaemon daemon(basedir,
+                         {row[0], engine, clamd ? "--engine-timeout" : "--spam-reject", "5"});
+        EXPECT_EQ(Check("spool", mail), row[2]);
+        EXPECT_EQ(ReadFile(root + "/spool"), Envelope + row[3] + mail);
+    }
+}
+
+// Under systemd's socket unit the daemon takes the listening descriptor it
+// is given, and leaves the socket file to systemd when it stops.
+TEST_F(QueltRefd, TakesTheSocketSystemdMade)
+{
+    const std::string socketPath = basedir + "quelt.sock";
+    ChildProcess activated({"/usr/bin/systemd-socket-activate", "-l", socketPath, "--", QUELT_REFD,
+                            "--log-stderr", "--basedir", basedir});
+    ASSERT_NE(activated.ReadStderrUntil("Listening on").find("Listening on"), std::string::npos);
+    EXPECT_EQ(Check("activated", "Subject: hi\n\nbody\n"), PassLine + " clean\n");
+    activated.Signal(SIGTERM);
+    EXPECT_EQ(activated.Wait(), 0);
+    EXPECT_TRUE(fs::exists(socketPath));
 }
 
 // Each refused value names itself on the first line and ends with status 2,

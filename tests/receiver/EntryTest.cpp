@@ -16,6 +16,8 @@
 #include <gtest/gtest.h>
 
 #include "platform/log/LogCapture.h"
+#include "platform/receiver/Descriptor.h"
+#include "platform/receiver/EntryFiles.h"
 #include "platform/receiver/Receiver.h"
 #include "platform/receiver/RefHolder.h"
 #include "support/TempDir.h"
@@ -65,17 +67,25 @@ std::string OwnerOf(const std::string& path)
 
 TEST_F(ReceiverInit, Refusals)
 {
-    TempDir withMsgsFile;
+    TempDir withMsgsFile, plain, open, setgid; // a "msgs/" anyone could have rearranged
     WriteFile(withMsgsFile / "msgs", "x");
+    for (const auto& [base, mode] :
+         {std::pair<TempDir*, mode_t>{&plain, 0770}, {&open, 01777}, {&setgid, 03770}})
+        ASSERT_EQ(::mkdir((*base / "msgs").c_str(), 0700) | ::chmod((*base / "msgs").c_str(), mode),
+                  0);
+    const auto folder = [](const TempDir& base) { return base.Path().string() + "/"; };
     const struct {
         std::string basedir;
         int32_t timeout;
-        const char* cause;
+        std::string cause;
     } rows[] = {
         {temp / "missing/", 10, "receiver base directory"},
         {"", 10, "receiver base directory not given"},
-        {withMsgsFile.Path().string() + "/", 10, "can not open entries folder"},
+        {folder(withMsgsFile), 10, "can not open entries folder"},
         {Base(), 0, "receiver timeout 0 is not above 0"},
+        {folder(plain), 10, " mode 0770, not uid"},
+        {folder(open), 10, " mode 1777, not uid"},
+        {folder(setgid), 10, " mode 3770, not uid"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.cause);
@@ -96,8 +106,8 @@ TEST_F(ReceiverInit, Refusals)
 }
 
 // "msgs/" is the filter's, of the base directory's group (the daemon's
-// account), sticky, whatever the umask; a folder left root:root 0770 by an
-// earlier version is brought to that state. Entries keep the umask.
+// account), sticky, whatever the umask; a sticky folder of the filter's own
+// with another group and mode is brought to that state. Entries keep the umask.
 TEST_F(ReceiverInit, EntriesFolderIsStickyAndOfTheBaseGroup)
 {
     const std::string base = temp.Path().string(); // without the final "/"
@@ -106,7 +116,9 @@ TEST_F(ReceiverInit, EntriesFolderIsStickyAndOfTheBaseGroup)
         SCOPED_TRACE(earlier ? "earlier folder" : "new folder");
         boost::filesystem::remove_all(temp / "msgs");
         if (earlier) {
-            ASSERT_EQ(::mkdir((temp / "msgs").c_str(), 0770), 0);
+            ASSERT_EQ(::mkdir((temp / "msgs").c_str(), 0700) |
+                          ::chmod((temp / "msgs").c_str(), 01700),
+                      0);
         }
         RefHolder<Receiver> receiver(CreateReceiver());
         const mode_t oldMask = ::umask(027);
@@ -154,21 +166,22 @@ TEST_F(ReceiverEntry, NamesFromIdTimeProcessAndSequence)
     EXPECT_EQ(ids.size(), entries.size());
 }
 
-// One entry with both files, one with a link planted as ".msg": the link is
-// handed over itself, what it points to is not.
-TEST_F(ReceiverEntry, SetOwnerHandsOverDirectoryAndFilesButNoLinkTarget)
+// The files the filter made are handed over through their descriptors: a
+// second name of root's file put in place of ".msg" is not handed over.
+TEST_F(ReceiverEntry, SetOwnerHandsOverWhatTheFilterMadeNotWhatHoldsItsName)
 {
     RefHolder<Receiver> receiver = MakeReceiver();
-    RefHolder<MsgEntry> both(receiver->CreateMsgEntry()), linked(receiver->CreateMsgEntry());
-    const std::string bothDir = both->GetDir(), linkedDir = linked->GetDir();
-    const std::string outside = temp / "outside";
-    for (const std::string& file : {bothDir + "/.envelope", bothDir + "/.msg", outside})
-        WriteFile(file, "x");
-    ASSERT_EQ(::symlink(outside.c_str(), (linkedDir + "/.msg").c_str()), 0);
-    EXPECT_TRUE(both->SetOwner(65534, 65534));
-    EXPECT_TRUE(linked->SetOwner(65534, 65534));
-    for (const std::string& path :
-         {bothDir, bothDir + "/.envelope", bothDir + "/.msg", linkedDir, linkedDir + "/.msg"})
+    RefHolder<MsgEntry> entry(receiver->CreateMsgEntry());
+    const std::string dir = entry->GetDir(), outside = temp / "outside", moved = dir + "/moved";
+    std::string cause;
+    for (const std::string& file : {dir + "/.envelope", dir + "/.msg"})
+        EXPECT_TRUE(Descriptor(CreateEntryFile(file, 0660, cause)).IsValid()) << cause;
+    WriteFile(outside, "x");
+    ASSERT_EQ(::rename((dir + "/.msg").c_str(), moved.c_str()) |
+                  ::link(outside.c_str(), (dir + "/.msg").c_str()),
+              0);
+    EXPECT_TRUE(entry->SetOwner(65534, 65534));
+    for (const std::string& path : {dir, dir + "/.envelope", moved})
         EXPECT_EQ(OwnerOf(path), "65534:65534") << path;
     EXPECT_EQ(OwnerOf(outside), "0:0");
 }

@@ -43,8 +43,10 @@ public:
     using Script = std::function<std::string(const std::string& request)>;
     static constexpr int BoundMs = 20000;
 
-    PlayedDaemon(const std::string& socketPath, Script script)
-        : path(socketPath), script(std::move(script))
+    // end: what ends a request (clamd's zFILDES: its NUL, then the
+    // descriptor's message of one NUL byte).
+    PlayedDaemon(const std::string& socketPath, Script script, std::string end = "\n")
+        : path(socketPath), script(std::move(script)), end(std::move(end))
     {
         if (::pipe2(stopPipe, O_CLOEXEC) != 0)
             throw std::runtime_error("pipe failed");
@@ -98,20 +100,21 @@ private:
         int client = Readable(listener) ? ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
         char block[4096];
         ssize_t count = 0;
-        while (client >= 0 && request.find('\n') == std::string::npos && Readable(client) &&
+        while (client >= 0 && request.find(end) == std::string::npos && Readable(client) &&
                (count = ::read(client, block, sizeof block)) > 0)
             request.append(block, static_cast<std::size_t>(count));
         if (client < 0)
             return;
         // A request cut short (the client gave up) gets no answer. The client
         // may give up before reading it all: no SIGPIPE, no check.
-        const std::string answer = request.find('\n') != std::string::npos ? script(request) : "";
+        const std::string answer = request.find(end) != std::string::npos ? script(request) : "";
         (void)::send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
         ::close(client);
     }
 
     const std::string path;
     const Script script;
+    const std::string end;
     int stopPipe[2] = {-1, -1};
     int listener = -1;
     std::string request;

@@ -19,6 +19,16 @@ const uint32_t Tempfail = 0x4;
 const uint32_t DaemonError = 0x20;
 const uint32_t HeadersChanged = 0x200;
 
+// Engines' words (a clamd signature name, a spamd status line) reach the
+// filter's reply line and the log: anything but printable ASCII becomes '?'.
+std::string Printable(std::string text)
+{
+    for (char& c : text)
+        if (c < 0x20 || c > 0x7e)
+            c = '?';
+    return text;
+}
+
 } // namespace
 
 std::string Checker::RunEngines(const std::string& dir, std::string& summary,
@@ -74,6 +84,8 @@ std::string Checker::Check(const std::string& dir) const
     }
     const auto took =
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
-    Say(priority, dir + ": " + summary + "verdict " + answer + ", " + std::to_string(took) + " ms");
+    answer = Printable(answer);
+    Say(priority, Printable(dir + ": " + summary) + "verdict " + answer + ", " +
+                      std::to_string(took) + " ms");
     return answer;
 }

@@ -51,11 +51,15 @@ std::string RoundTrip(const std::string& baseDir, const passwd& account, bool& a
         return "can not make " + dir + ": " + std::strerror(errno);
     const std::string msg = dir + "/.msg";
     std::string answer;
-    int file = ::open(msg.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0660);
-    bool made = file >= 0 && WriteAll(file, TestMessage, std::strlen(TestMessage));
-    made = file >= 0 && ::close(file) == 0 && made;
-    if (!made || ::chown(msg.c_str(), account.pw_uid, account.pw_gid) != 0 ||
-        ::chown(dir.c_str(), account.pw_uid, account.pw_gid) != 0) {
+    // Handed over through the descriptors made here, never by name.
+    Fd dirFd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    Fd file(dirFd.IsValid() ? ::openat(dirFd.Get(), ".msg",
+                                       O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0660)
+                            : -1);
+    bool made = file.IsValid() && WriteAll(file.Get(), TestMessage, std::strlen(TestMessage)) &&
+                ::fchown(file.Get(), account.pw_uid, account.pw_gid) == 0;
+    made = file.Close() == 0 && made;
+    if (!made || ::fchown(dirFd.Get(), account.pw_uid, account.pw_gid) != 0) {
         answer = "can not make the test entry " + dir + ": " + std::strerror(errno);
     } else {
         try {
@@ -102,6 +106,10 @@ bool CheckLayout(CheckReport& report, const std::string& baseDir, const passwd& 
     if ((status.st_mode & 002) != 0)
         report.Problem("base directory " + baseDir,
                        "writable by everyone (" + Octal(status.st_mode) + ")", "chmod o-w " + baseDir);
+    else if (status.st_uid == account.pw_uid)
+        report.Problem("base directory " + baseDir,
+                       "the account's own: it could rearrange it",
+                       "chown root:" + group + " " + baseDir + " && chmod 0750 " + baseDir);
     else if (status.st_gid != account.pw_gid) // the filter gives "msgs/" this group
         report.Problem("base directory " + baseDir,
                        "group " + GroupName(status.st_gid) + ", wanted " + group,
@@ -130,11 +138,15 @@ bool CheckLayout(CheckReport& report, const std::string& baseDir, const passwd& 
                        StartFix(baseDir));
         return false;
     }
-    if (status.st_uid != account.pw_uid || (status.st_mode & 0777) != SocketMode)
+    // systemd's socket unit makes it the account's; the daemon started as
+    // root makes it root's with the account's group.
+    const bool owned =
+        status.st_uid == account.pw_uid || (status.st_uid == 0 && status.st_gid == account.pw_gid);
+    if (!owned || (status.st_mode & 0777) != SocketMode)
         report.Problem("socket " + socket,
-                       "not owned by " + std::string(account.pw_name) + " with mode " +
-                           Octal(SocketMode),
-                       "restart the daemon as root with --user " + std::string(account.pw_name));
+                       "neither " + std::string(account.pw_name) + "'s nor root:" + group +
+                           ", each with mode " + Octal(SocketMode),
+                       "restart the daemon (systemctl restart quelt-refd.socket quelt-refd)");
     else
         report.Ok("socket " + socket);
     return true;

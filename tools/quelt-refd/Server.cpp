@@ -22,6 +22,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include <systemd/sd-daemon.h>
+
 #include "DaemonLog.h"
 #include "EngineSocket.h"
 #include "Fd.h"
@@ -69,12 +71,39 @@ void ClaimSocketPath(const EngineAddress& socket)
     throw std::invalid_argument("another daemon answers on " + socket.text + "; not started");
 }
 
+// The listening socket that systemd passed (quelt-refd.socket), or an
+// invalid Fd when none was passed. It must be the one Unix stream socket
+// listening on path; the daemon never binds or removes that path itself.
+Fd TakeSystemdSocket(const std::string& path)
+{
+    const int count = ::sd_listen_fds(1);
+    if (count < 0)
+        throw std::domain_error("sd_listen_fds error:" + SystemText(-count));
+    if (count == 0)
+        return Fd(-1);
+    Fd passed(SD_LISTEN_FDS_START);
+    for (int extra = 1; extra < count; ++extra)
+        (void)::close(SD_LISTEN_FDS_START + extra); // refused below; never used
+    if (count != 1 || ::sd_is_socket_unix(passed.Get(), SOCK_STREAM, 1, path.c_str(), 0) <= 0)
+        throw std::invalid_argument("systemd passed " + std::to_string(count) +
+                                    " socket(s), wanted one Unix stream socket listening on " +
+                                    path + "; not started");
+    const int flags = ::fcntl(passed.Get(), F_GETFL);
+    if (flags < 0 || ::fcntl(passed.Get(), F_SETFL, flags | O_NONBLOCK) != 0 ||
+        ::fcntl(passed.Get(), F_SETFD, FD_CLOEXEC) != 0) {
+        int error = errno;
+        throw std::domain_error("fcntl on the socket from systemd error:" + SystemText(error));
+    }
+    return passed;
+}
+
 class Server
 {
 public:
     Server(const ServerSettings& settings, const Checker& checker)
         : settings(settings), checker(checker),
-          socket(UnixSocketAddress(settings.baseDir + SocketName))
+          socket(UnixSocketAddress(settings.baseDir + SocketName)),
+          account(FindAccount(settings.user))
     {
     }
     int Run();
@@ -90,6 +119,8 @@ private:
     const ServerSettings& settings;
     const Checker& checker;
     const EngineAddress socket;
+    const Account account;
+    bool fromSystemd = false; // the socket is systemd's: never unlinked here
     Fd listener{-1};
     Fd stopRead{-1};
     Fd stopWrite{-1};
@@ -98,18 +129,23 @@ private:
 
 void Server::Listen()
 {
+    listener = TakeSystemdSocket(socket.text);
+    fromSystemd = listener.IsValid();
+    if (fromSystemd)
+        return;
     ClaimSocketPath(socket);
     listener = Fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!listener.IsValid()) {
         int error = errno;
         throw std::domain_error("socket error:" + SystemText(error));
     }
-    if (::bind(listener.Get(), reinterpret_cast<const sockaddr*>(&socket.address), socket.length) !=
-        0) {
+    // Owner, group and mode are the socket file's from its creation on.
+    if (BindAsGroup(account, listener.Get(), reinterpret_cast<const sockaddr*>(&socket.address),
+                    socket.length) != 0) {
         int error = errno;
         throw std::domain_error("bind " + socket.text + " error:" + SystemText(error));
     }
-    if (::chmod(socket.text.c_str(), 0660) != 0 || ::listen(listener.Get(), 64) != 0) {
+    if (::listen(listener.Get(), 64) != 0) {
         int error = errno;
         (void)::unlink(socket.text.c_str()); // ours, and useless unlistened
         throw std::domain_error("listen on " + socket.text + " error:" + SystemText(error));
@@ -136,7 +172,7 @@ int Server::Run()
     stopWrite = Fd(pipeEnds[1]);
 
     Listen();
-    DropPrivileges(settings.user, socket.text);
+    DropPrivileges(account);
     const std::string msgsDir = settings.baseDir + "msgs";
     SweepKeptEntries(msgsDir, settings.keepHours);
 
@@ -155,9 +191,9 @@ int Server::Run()
     for (std::thread& thread : threads)
         thread.join();
     listener = Fd(-1);
-    if (::unlink(socket.text.c_str()) != 0) {
-        // After dropping root the base directory may not be ours to write:
-        // the stale socket is harmless, the next start removes it.
+    if (!fromSystemd && ::unlink(socket.text.c_str()) != 0) {
+        // After dropping root the base directory is not ours to write: the
+        // stale socket is harmless, the next start removes it.
         int error = errno;
         Say(LOG_WARNING, "can not remove " + socket.text + ": " + SystemText(error));
     }

@@ -1,8 +1,10 @@
-// tools/quelt-refd/Server.h: the daemon's service: claims "quelt.sock" under
-// the base directory, drops to the account, sweeps kept entries, serves
-// checks with a fixed pool of threads and stops cleanly on SIGTERM or SIGINT
-// (no new connections; checks in flight are answered; the socket is
-// removed). Failures to start throw; the caller logs them.
+// tools/quelt-refd/Server.h: the daemon's service: takes the listening
+// socket systemd passes, or claims "quelt.sock" under the base directory and
+// binds it (root:<account's group> 0660 when started as root); drops to the
+// account, sweeps kept entries, serves checks with a fixed pool of threads
+// and stops cleanly on SIGTERM or SIGINT (no new connections; checks in
+// flight are answered; a socket it bound is removed). Failures to start
+// throw; the caller logs them.
 #pragma once
 
 #include <string>

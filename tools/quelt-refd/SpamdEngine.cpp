@@ -6,6 +6,7 @@
 // rewrapping of spam under report_safe) is read and dropped.
 #include "SpamdEngine.h"
 
+#include <cmath>
 #include <cstdlib>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -25,6 +26,16 @@ bool IsKeptField(const std::string& line)
         if (line.compare(0, std::char_traits<char>::length(field), field) == 0)
             return true;
     return false;
+}
+
+// A header line without control bytes (a tab folds a line and stays): a CR,
+// NUL or ESC in a kept line would reach the spool file.
+bool IsClean(const std::string& line)
+{
+    for (char c : line)
+        if ((c >= 0 && c < 0x20 && c != '\t') || c == 0x7f)
+            return false;
+    return true;
 }
 
 // Hands spamd's answer to its caller one line at a time (line end removed).
@@ -115,9 +126,21 @@ EngineResult SpamdEngine::Check(int msg, const struct stat& status, Deadline dea
     double value = score.empty() ? 0 : std::strtod(score.c_str(), &end);
     if (score.empty() || end == nullptr || *end != '\0')
         throw std::logic_error("spamd gave no score");
+    if (!std::isfinite(value))
+        throw std::logic_error("spamd gave the score " + score);
 
+    // A kept field goes in whole (its first line and its folded lines) or
+    // not at all: a field with a control byte in any of its lines is dropped.
     bool keeping = false;
     bool inHeaders = true;
+    std::string field;
+    bool fieldClean = true;
+    auto commit = [&] {
+        if (fieldClean)
+            result.headers += field;
+        field.clear();
+        fieldClean = true;
+    };
     while (reader.Next(line, overlong)) {
         if (!inHeaders)
             continue; // the rest of the answer: read to its end, dropped
@@ -126,12 +149,17 @@ EngineResult SpamdEngine::Check(int msg, const struct stat& status, Deadline dea
             continue;
         }
         bool continuation = line[0] == ' ' || line[0] == '\t';
+        if (!continuation)
+            commit();
         keeping = continuation ? keeping : IsKeptField(line);
         if (keeping && overlong)
             throw std::logic_error("spamd header line too long");
-        if (keeping)
-            result.headers += line + "\n";
+        if (keeping) {
+            field += line + "\n";
+            fieldClean = fieldClean && IsClean(line);
+        }
     }
+    commit();
     if (result.headers.empty())
         throw std::logic_error("spamd sent no X-Spam header");
 
