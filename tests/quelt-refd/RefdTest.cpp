@@ -156,7 +156,7 @@ TEST_F(QueltRefd, TakesTheSocketSystemdMade)
 {
     const std::string socketPath = basedir + "quelt.sock";
     ChildProcess activated({"/usr/bin/systemd-socket-activate", "-l", socketPath, "--", QUELT_REFD,
-                            "--log-stderr", "--basedir", basedir});
+                            "--log-stderr", "--basedir", basedir, "--test-engine"});
     ASSERT_NE(activated.ReadStderrUntil("Listening on").find("Listening on"), std::string::npos);
     EXPECT_EQ(Check("activated", "Subject: hi\n\nbody\n"), PassLine + " clean\n");
     activated.Signal(SIGTERM);
