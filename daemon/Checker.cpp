@@ -1,6 +1,6 @@
 // daemon/Checker.cpp: the verdict flags of the conversation: 1
 // pass, 2 reject, 4 tempfail, 32 daemon error, 0x200 headers changed in
-// ".msg". Engines share no state between checks, so one Checker serves every
+// ".msg" (shared/conversation/Conversation.h). Engines share no state between checks, so one Checker serves every
 // worker thread.
 #include "Checker.h"
 
@@ -9,15 +9,16 @@
 
 #include "DaemonLog.h"
 #include "Entry.h"
+#include "shared/conversation/Conversation.h"
 
 namespace
 {
 
-const uint32_t Pass = 0x1;
-const uint32_t Reject = 0x2;
-const uint32_t Tempfail = 0x4;
-const uint32_t DaemonError = 0x20;
-const uint32_t HeadersChanged = 0x200;
+const uint32_t Pass = VerdictPass;
+const uint32_t Reject = VerdictReject;
+const uint32_t Tempfail = VerdictTempfail;
+const uint32_t DaemonError = VerdictDaemonError;
+const uint32_t HeadersChanged = VerdictHeadersChanged;
 
 // Engines' words (a clamd signature name, a spamd status line) reach the
 // filter's reply line and the log: anything but printable ASCII becomes '?'.

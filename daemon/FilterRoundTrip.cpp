@@ -18,6 +18,7 @@
 #include "EngineSocket.h"
 #include "Fd.h"
 #include "Sweeper.h"
+#include "shared/conversation/Conversation.h"
 
 namespace
 {
@@ -111,7 +112,7 @@ std::string RunFilter(const RoundTripSettings& settings, const std::string& byte
         reply = run.output.substr(0, run.output.find('\n'));
         if (run.timedOut)
             reply += " (no answer within " + std::to_string(FilterLimitSeconds) + " s)";
-        reply += RemoveEntries(settings.baseDir + "msgs", run.pid);
+        reply += RemoveEntries(settings.baseDir + conversation::EntriesFolderName, run.pid);
     }
     (void)::unlink(spool.c_str()); // our own private directory: nothing to lose
     (void)::rmdir(dir.c_str());

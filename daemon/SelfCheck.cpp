@@ -17,6 +17,7 @@
 
 #include "CheckReport.h"
 #include "EngineSocket.h"
+#include "shared/conversation/Conversation.h"
 
 namespace
 {
@@ -46,7 +47,7 @@ std::string GroupName(gid_t gid)
 std::string RoundTrip(const std::string& baseDir, const passwd& account, bool& answered)
 {
     answered = false;
-    const std::string dir = baseDir + "msgs/check." + std::to_string(::getpid());
+    const std::string dir = baseDir + conversation::EntriesFolder + "check." + std::to_string(::getpid());
     if (::mkdir(dir.c_str(), 0700) != 0)
         return "can not make " + dir + ": " + std::strerror(errno);
     const std::string msg = dir + "/.msg";
@@ -64,8 +65,8 @@ std::string RoundTrip(const std::string& baseDir, const passwd& account, bool& a
     } else {
         try {
             const Deadline deadline = Clock::now() + std::chrono::seconds(60);
-            Fd socket = ConnectWithDeadline(UnixSocketAddress(baseDir + "quelt.sock"), deadline);
-            const std::string request = "CHECK " + dir + "\n";
+            Fd socket = ConnectWithDeadline(UnixSocketAddress(baseDir + conversation::SocketName), deadline);
+            const std::string request = conversation::RequestVerb + dir + "\n";
             (void)SendAll(socket.Get(), request.data(), request.size(), deadline);
             char block[512];
             std::size_t count;
@@ -117,7 +118,7 @@ bool CheckLayout(CheckReport& report, const std::string& baseDir, const passwd& 
     else
         report.Ok("base directory " + baseDir + " (" + Octal(status.st_mode) + ")");
 
-    const std::string msgs = baseDir + "msgs";
+    const std::string msgs = baseDir + conversation::EntriesFolderName;
     const std::string fix = "chown root:" + group + " " + msgs + " && chmod " +
                             Octal(MsgsMode) + " " + msgs;
     if (::lstat(msgs.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
@@ -132,7 +133,7 @@ bool CheckLayout(CheckReport& report, const std::string& baseDir, const passwd& 
     else
         report.Ok(msgs + " (root:" + group + ", " + Octal(MsgsMode) + ")");
 
-    const std::string socket = baseDir + "quelt.sock";
+    const std::string socket = baseDir + conversation::SocketName;
     if (::lstat(socket.c_str(), &status) != 0 || !S_ISSOCK(status.st_mode)) {
         report.Problem("socket " + socket, "missing or not a socket: the daemon is not running",
                        StartFix(baseDir));

@@ -29,12 +29,13 @@
 #include "Fd.h"
 #include "Privileges.h"
 #include "Sweeper.h"
+#include "shared/conversation/Conversation.h"
 
 namespace
 {
 
-const char* const SocketName = "quelt.sock";
-const char* const RequestVerb = "CHECK ";
+using conversation::RequestVerb;
+using conversation::SocketName;
 // A request is "CHECK " and a path; longer lines are not requests.
 constexpr std::size_t MaxRequestLine = 8192;
 // The filter sends its request at once and reads the answer at once.
@@ -173,7 +174,7 @@ int Server::Run()
 
     Listen();
     DropPrivileges(account);
-    const std::string msgsDir = settings.baseDir + "msgs";
+    const std::string msgsDir = settings.baseDir + conversation::EntriesFolderName;
     SweepKeptEntries(msgsDir, settings.keepHours);
 
     std::vector<std::thread> threads;
