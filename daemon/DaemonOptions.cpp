@@ -51,8 +51,10 @@ po::options_description DaemonOptionTable()
     daemon.add_options()("help", "this text")("version", "the version, then exit")(
         "basedir", po::value<std::string>()->default_value("/var/vorex"),
         "base directory: DIR/quelt.sock, DIR/msgs")(
-        "clamd", po::value<std::string>(), "ClamAV's clamd: its socket PATH or HOST:PORT")(
-        "spamd", po::value<std::string>(), "SpamAssassin's spamd: its socket PATH or HOST:PORT")(
+        "clamd", po::value<std::vector<std::string>>(),
+        "ClamAV's clamd: its socket PATH or HOST:PORT; repeated: a farm")(
+        "spamd", po::value<std::vector<std::string>>(),
+        "SpamAssassin's spamd: its socket PATH or HOST:PORT; repeated: a farm")(
         "spam-reject", po::value<std::string>(),
         "reject spam scoring SCORE or more (default: tag only)")(
         "spam-max-size", po::value<std::string>()->default_value("524288"),
@@ -61,6 +63,8 @@ po::options_description DaemonOptionTable()
         "clamd's size-limit find: reject|tempfail|pass")(
         "engine-timeout", po::value<std::string>()->default_value("20"),
         "SECONDS for all engines of one message")(
+        "revive-seconds", po::value<std::string>()->default_value("5"),
+        "a failed farm member gets no mail for SECONDS, then is probed")(
         "max-checks", po::value<std::string>()->default_value("16"),
         "connections served at once")("keep-hours", po::value<std::string>()->default_value("72"),
                                       "remove kept entries older than N hours")(
@@ -157,13 +161,27 @@ DaemonConfig BuildDaemonConfig(const po::variables_map& given)
     const std::string limits = text("limits-exceeded");
     if (limits != "reject" && limits != "tempfail" && limits != "pass")
         throw std::invalid_argument("--limits-exceeded needs reject, tempfail or pass");
-    if (given.count("clamd")) {
-        config.engines.push_back(std::make_unique<ClamdEngine>(
-            ResolveEngineAddress(text("clamd")), limits == "reject" ? LimitsAction::Reject
-                                                 : limits == "pass" ? LimitsAction::Pass
-                                                                    : LimitsAction::Tempfail));
-        config.engineAddresses.push_back(text("clamd"));
-    }
+    config.reviveSeconds =
+        static_cast<int>(ParseNumber("--revive-seconds", text("revive-seconds"), 3600));
+    if (config.reviveSeconds == 0)
+        throw std::invalid_argument("--revive-seconds needs at least 1");
+    // Every address of an engine's option joins that engine's pool.
+    const auto addPool = [&](const char* option, const auto& makeOne) {
+        std::vector<UpstreamPool::Upstream> upstreams;
+        for (const std::string& address : given[option].as<std::vector<std::string>>())
+            upstreams.push_back({makeOne(ResolveEngineAddress(address)), address});
+        auto pool = std::make_unique<UpstreamPool>(std::move(upstreams),
+                                                   std::chrono::seconds(config.reviveSeconds));
+        config.pools.push_back(pool.get());
+        config.engines.push_back(std::move(pool));
+    };
+    const LimitsAction limitsAction = limits == "reject" ? LimitsAction::Reject
+                                      : limits == "pass" ? LimitsAction::Pass
+                                                         : LimitsAction::Tempfail;
+    if (given.count("clamd"))
+        addPool("clamd", [&](EngineAddress address) -> std::unique_ptr<Engine> {
+            return std::make_unique<ClamdEngine>(std::move(address), limitsAction);
+        });
     SpamSettings spam;
     spam.maxSize = ParseNumber("--spam-max-size", text("spam-max-size"), UINT32_MAX);
     if (given.count("spam-reject")) {
@@ -177,14 +195,11 @@ DaemonConfig BuildDaemonConfig(const po::variables_map& given)
             throw std::invalid_argument("--spam-reject needs --spamd");
         config.spamReject = true;
     }
-    if (given.count("spamd")) {
-        config.engines.push_back(
-            std::make_unique<SpamdEngine>(ResolveEngineAddress(text("spamd")), spam));
-        config.engineAddresses.push_back(text("spamd"));
-    }
-    if (config.testEngine) {
+    if (given.count("spamd"))
+        addPool("spamd", [&](EngineAddress address) -> std::unique_ptr<Engine> {
+            return std::make_unique<SpamdEngine>(std::move(address), spam);
+        });
+    if (config.testEngine)
         config.engines.push_back(std::make_unique<ReferenceEngine>());
-        config.engineAddresses.push_back("");
-    }
     return config;
 }

@@ -12,6 +12,7 @@
 
 #include "Checker.h"
 #include "Server.h"
+#include "UpstreamPool.h"
 
 // Where the packaged unit takes its options from, and the ones it always
 // gives before them.
@@ -22,7 +23,8 @@ struct DaemonConfig {
     ServerSettings server;
     CheckSettings check;
     std::vector<std::unique_ptr<Engine>> engines;
-    std::vector<std::string> engineAddresses; // as given, in engine order
+    std::vector<UpstreamPool*> pools; // the real engines in engines, in their order
+    int reviveSeconds = 5;
     int facility = -1;
     bool logStderr = false;
     bool testEngine = false;

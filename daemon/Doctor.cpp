@@ -74,20 +74,20 @@ void CheckEngines(CheckReport& report, const DaemonConfig& config)
 {
     const Deadline deadline =
         Clock::now() + std::chrono::seconds(config.check.engineTimeoutSeconds);
-    for (std::size_t at = 0; at < config.engines.size(); ++at) {
-        Engine& engine = *config.engines[at];
-        const std::string name = engine.Name();
-        if (config.engineAddresses[at].empty())
-            continue; // the test engine, part of the daemon
-        const std::string what = name + " at " + config.engineAddresses[at];
-        try {
-            engine.Ping(deadline);
-            report.Ok(what + " answers " + (name == "clamd" ? "zPING" : "PING"));
-        } catch (const std::exception& failure) {
-            report.Problem(what, failure.what(),
-                           "start it (systemctl start " +
-                               std::string(name == "clamd" ? "clamav-daemon" : "spamd") +
-                               ") or correct --" + name + " in OPTIONS in " + DefaultsFile);
+    // Every upstream of every pool, one line each (the test engine is
+    // part of the daemon and has none).
+    for (UpstreamPool* pool : config.pools) {
+        const std::string name = pool->Name();
+        for (std::size_t at = 0; at < pool->Size(); ++at) {
+            const std::string what = name + " at " + pool->Address(at);
+            const std::string cause = pool->PingOne(at, deadline);
+            if (cause.empty())
+                report.Ok(what + " answers " + (name == "clamd" ? "zPING" : "PING"));
+            else
+                report.Problem(what, cause,
+                               "start it (systemctl start " +
+                                   std::string(name == "clamd" ? "clamav-daemon" : "spamd") +
+                                   ") or correct --" + name + " in OPTIONS in " + DefaultsFile);
         }
     }
 }
