@@ -201,5 +201,6 @@ DaemonConfig BuildDaemonConfig(const po::variables_map& given)
         });
     if (config.testEngine)
         config.engines.push_back(std::make_unique<ReferenceEngine>());
+    config.server.pools = config.pools;
     return config;
 }

@@ -4,10 +4,22 @@
 // to Checker, the one place that turns it into a daemon error.
 #include "UpstreamPool.h"
 
+#include <cerrno>
+#include <poll.h>
 #include <random>
 #include <stdexcept>
 
 #include "DaemonLog.h"
+
+namespace
+{
+
+// How often the prober looks for upstreams due, and how long one ping may
+// take: an engine that is back answers its ping in milliseconds.
+constexpr int ProbeIntervalMs = 250;
+constexpr std::chrono::milliseconds PingTimeout(1000);
+
+} // namespace
 
 UpstreamPool::UpstreamPool(std::vector<Upstream> given, std::chrono::seconds revive)
     : upstreams(std::move(given)), revive(revive), health(upstreams.size())
@@ -152,5 +164,17 @@ void UpstreamPool::ProbeDue(std::chrono::milliseconds timeout)
             continue;
         // A failed ping marks it down again until its next revive time.
         (void)PingOne(at, Clock::now() + timeout);
+    }
+}
+
+void RunProber(std::vector<UpstreamPool*> pools, int stopFd)
+{
+    for (;;) {
+        pollfd stop = {stopFd, POLLIN, 0};
+        const int count = ::poll(&stop, 1, ProbeIntervalMs);
+        if (count > 0 || (count < 0 && errno != EINTR))
+            return;
+        for (UpstreamPool* pool : pools)
+            pool->ProbeDue(PingTimeout);
     }
 }

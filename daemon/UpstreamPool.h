@@ -74,3 +74,8 @@ private:
     std::size_t next;           // by the mutex: where round robin goes on
 };
 
+// The background probe of every pool, off the message path: a few times a
+// second it pings the upstreams down past their revive time, so a member
+// that is back gets messages again within its revive time and a second.
+// Returns when stopFd becomes readable.
+void RunProber(std::vector<UpstreamPool*> pools, int stopFd);

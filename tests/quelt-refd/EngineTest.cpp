@@ -105,7 +105,9 @@ TEST_F(Engines, ClamdOverTcpAndClamdKilled)
 // A farm of three clamd (one on a Unix socket, two over TCP): 300 messages
 // while one TCP member is stopped after 100 and started again after 200.
 // No message gets the error action and every virus is rejected. Then all
-// three stopped: the error action, the spool file untouched.
+// three stopped: the error action, the spool file untouched. The stopped
+// member is down from its first failure and back, answering, after its
+// restart.
 TEST_F(Engines, ClamdFarmLosesNoMessageWhileAMemberRestarts)
 {
     Clamd local, restarted, other;
@@ -117,8 +119,14 @@ TEST_F(Engines, ClamdFarmLosesNoMessageWhileAMemberRestarts)
     for (int at = 0; at < 300; ++at) {
         if (at == 100)
             restarted.Kill();
-        if (at == 200)
+        if (at == 200) { // the prober brings it back, then it gets messages again
             restarted.Start();
+            const std::string state = "clamd " + restarted.tcpAddress;
+            const std::string log = daemon.ReadLogUntil(state + " up again after ");
+            EXPECT_NE(log.find(state + " down: "), std::string::npos) << log;
+            EXPECT_NE(log.find("; 2 of 3 up\n"), std::string::npos) << log;
+            EXPECT_NE(log.find(" up again after "), std::string::npos) << log;
+        }
         const bool virus = at % 10 == 0;
         filter.Write(Spool("m" + std::to_string(at), virus ? Infected : Clean) + "\n");
         replies += filter.ReadStdoutUntil(Hungry);
@@ -131,6 +139,9 @@ TEST_F(Engines, ClamdFarmLosesNoMessageWhileAMemberRestarts)
     EXPECT_EQ(filter.Wait(&rest), 1);
     EXPECT_EQ(rest, TempfailLine + " Internal error\n");
     EXPECT_EQ(ReadFile(root + "/last"), Clean);
+    std::string log;
+    (void)daemon.Stop(&log);
+    EXPECT_NE(log.find("via " + restarted.tcpAddress), std::string::npos) << log;
 }
 
 // A member that takes connections and never answers, or one that is
@@ -207,6 +218,9 @@ TEST_F(Engines, CheckNamesEachFaultOfTheSetUp)
          "PROBLEM clamd at " + zmailer / "clamd.sock: connect"},
         {"stoppedSpamd", {"--spamd", stale, "--spam-reject", "20"}, good, "$MAILSHARE/wrapper", policy,
          "PROBLEM spamd at " + stale + ": connect"},
+        {"farmWithAStoppedMember",
+         {"--clamd", Shared().clamd.socket, "--clamd", zmailer / "clamd.sock"}, good,
+         "$MAILSHARE/wrapper", policy, "PROBLEM clamd at " + zmailer / "clamd.sock: connect"},
         {"wrapperWithBadOption", engines,
          "#!/bin/sh\necho 'PROBLEM --error-action tmpfail: not an action (fix: ...)'\nexit 1\n",
          "$MAILSHARE/wrapper", policy, "\nPROBLEM --error-action tmpfail: "},
