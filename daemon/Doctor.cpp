@@ -72,15 +72,15 @@ void Guard(CheckReport& report, const std::string& what, const std::function<voi
 
 void CheckEngines(CheckReport& report, const DaemonConfig& config)
 {
-    const Deadline deadline =
-        Clock::now() + std::chrono::seconds(config.check.engineTimeoutSeconds);
     // Every upstream of every pool, one line each (the test engine is
-    // part of the daemon and has none).
+    // part of the daemon and has none); each ping has the whole engine
+    // time-out, so a hung member does not eat the others' time.
     for (UpstreamPool* pool : config.pools) {
         const std::string name = pool->Name();
         for (std::size_t at = 0; at < pool->Size(); ++at) {
             const std::string what = name + " at " + pool->Address(at);
-            const std::string cause = pool->PingOne(at, deadline);
+            const std::string cause = pool->PingOne(
+                at, Clock::now() + std::chrono::seconds(config.check.engineTimeoutSeconds));
             if (cause.empty())
                 report.Ok(what + " answers " + (name == "clamd" ? "zPING" : "PING"));
             else

@@ -179,7 +179,8 @@ int Server::Run()
 
     std::vector<std::thread> threads;
     threads.emplace_back(RunSweeper, msgsDir, settings.keepHours, stopRead.Get());
-    threads.emplace_back(RunProber, settings.pools, stopRead.Get());
+    if (!settings.pools.empty()) // the test engine has none
+        threads.emplace_back(RunProber, settings.pools, stopRead.Get());
     for (int i = 0; i < settings.maxChecks; ++i)
         threads.emplace_back(&Server::Work, this);
     Say(LOG_INFO, "listening on " + socket.text);

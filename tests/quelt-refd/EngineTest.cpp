@@ -160,7 +160,7 @@ TEST_F(Engines, FarmMemberHungOrStoppedIsReplacedByAnother)
         std::string down, answered;
     } rows[] = {
         {"hungClamd",
-         {"--clamd", hung, "--clamd", Shared().clamd.socket, "--engine-timeout", "2"},
+         {"--clamd", hung, "--clamd", Shared().clamd.socket, "--engine-timeout", "4"},
          {{Clean, clean}, {Infected, Virus}, {Clean, clean}, {Infected, Virus}},
          "clamd " + hung + " down: ",
          "via " + Shared().clamd.socket},
