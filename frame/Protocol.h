@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/receiver/VerdictFlags.h"
+#include "shared/conversation/Conversation.h"
 
 // The reply line for an action code, without a note, line end included.
 std::string ReplyLine(int32_t actionCode);

@@ -232,7 +232,7 @@ VerdictFlags AskDaemon(const std::string& socketPath, const std::string& entryDi
         return VerdictDaemonError;
     }
     std::string line;
-    if (!Connect(peer, fd.Get()) || !Send(peer, fd.Get(), "CHECK " + entryDir + "\n") ||
+    if (!Connect(peer, fd.Get()) || !Send(peer, fd.Get(), conversation::RequestVerb + entryDir + "\n") ||
         !ReadLine(peer, fd.Get(), line))
         return VerdictDaemonError;
 

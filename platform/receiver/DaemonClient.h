@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <string>
 
-#include "platform/receiver/VerdictFlags.h"
+#include "shared/conversation/Conversation.h"
 
 // The longest answer line accepted, its line end included.
 constexpr std::size_t MaxAnswerLine = 8192;

@@ -21,9 +21,9 @@
 namespace
 {
 
-const char* const EntriesFolderName = "msgs";
-const char* const EntriesFolder = "msgs/";
-const char* const SocketName = "quelt.sock";
+using conversation::EntriesFolder;
+using conversation::EntriesFolderName;
+using conversation::SocketName;
 // Names tried for one entry before giving up; each EEXIST moves to the next
 // sequence number, so only a directory full of foreign names exhausts it.
 const int MaxEntryTries = 1000;

@@ -8,7 +8,7 @@
 #include <cstdint>
 
 #include "platform/receiver/RefObject.h"
-#include "platform/receiver/VerdictFlags.h"
+#include "shared/conversation/Conversation.h"
 
 // The flags the filter always passes to Receiver::Init.
 constexpr uint32_t ReceiverInitFlags = 0x4804;

@@ -102,6 +102,92 @@ TEST_F(Engines, ClamdOverTcpAndClamdKilled)
     EXPECT_EQ(ReadFile(root + "/second"), Clean);
 }
 
+// A farm of three clamd (one on a Unix socket, two over TCP): 300 messages
+// while one TCP member is stopped after 100 and started again after 200.
+// No message gets the error action and every virus is rejected. Then all
+// three stopped: the error action, the spool file untouched. The stopped
+// member is down from its first failure and back, answering, after its
+// restart.
+TEST_F(Engines, ClamdFarmLosesNoMessageWhileAMemberRestarts)
+{
+    Clamd local, restarted, other;
+    RefDaemon daemon(basedir, {"--clamd", local.socket, "--clamd", restarted.tcpAddress, "--clamd",
+                               other.tcpAddress, "--revive-seconds", "1"});
+    ChildProcess filter(FilterSandbox::Args({"--error-action", "tempfail"}));
+    EXPECT_EQ(filter.ReadStdoutUntil(Hungry), Hungry);
+    std::string replies, expected;
+    for (int at = 0; at < 300; ++at) {
+        if (at == 100)
+            restarted.Kill();
+        if (at == 200) { // the prober brings it back, then it gets messages again
+            restarted.Start();
+            const std::string state = "clamd " + restarted.tcpAddress;
+            const std::string log = daemon.ReadLogUntil(state + " up again after ");
+            EXPECT_NE(log.find(state + " down: "), std::string::npos) << log;
+            EXPECT_NE(log.find("; 2 of 3 up\n"), std::string::npos) << log;
+            EXPECT_NE(log.find(" up again after "), std::string::npos) << log;
+        }
+        const bool virus = at % 10 == 0;
+        filter.Write(Spool("m" + std::to_string(at), virus ? Infected : Clean) + "\n");
+        replies += filter.ReadStdoutUntil(Hungry);
+        expected += (virus ? Virus : PassLine + " clean\n") + Hungry;
+    }
+    EXPECT_EQ(replies, expected);
+    local.Kill(), restarted.Kill(), other.Kill();
+    filter.Write(Spool("last", Clean) + "\n");
+    std::string rest;
+    EXPECT_EQ(filter.Wait(&rest), 1);
+    EXPECT_EQ(rest, TempfailLine + " Internal error\n");
+    EXPECT_EQ(ReadFile(root + "/last"), Clean);
+    std::string log;
+    (void)daemon.Stop(&log);
+    EXPECT_NE(log.find("via " + restarted.tcpAddress), std::string::npos) << log;
+}
+
+// A member that takes connections and never answers, or one that is
+// stopped: its messages are answered by another member within the deadline.
+TEST_F(Engines, FarmMemberHungOrStoppedIsReplacedByAnother)
+{
+    TempDir dir;
+    const std::string hung = dir / "hung.sock", stopped = dir / "stopped.sock";
+    const int listening = PlayedDaemon::ListenOn(hung); // its backlog takes them all
+    ::close(PlayedDaemon::ListenOn(stopped));
+    const std::string clean = PassLine + " clean\n";
+    const struct {
+        const char* name;
+        std::vector<std::string> args;
+        std::vector<std::pair<std::string, std::string>> messages; // spool, reply
+        std::string down, answered;
+    } rows[] = {
+        {"hungClamd",
+         {"--clamd", hung, "--clamd", Shared().clamd.socket, "--engine-timeout", "4"},
+         {{Clean, clean}, {Infected, Virus}, {Clean, clean}, {Infected, Virus}},
+         "clamd " + hung + " down: ",
+         "via " + Shared().clamd.socket},
+        {"stoppedSpamd",
+         {"--spamd", stopped, "--spamd", Shared().spamd.socket},
+         {{Clean, clean}, {Clean, clean}, {Clean, clean}},
+         "spamd " + stopped + " down: ",
+         "via " + Shared().spamd.socket},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        RefDaemon daemon(basedir, row.args);
+        std::string jobs, replies;
+        for (std::size_t at = 0; at < row.messages.size(); ++at) {
+            jobs += Spool(row.name + std::to_string(at), row.messages[at].first) + "\n";
+            replies += row.messages[at].second;
+        }
+        RunResult run = RunProgram(Args({"--interface", "0"}), jobs);
+        EXPECT_EQ(run.out, replies);
+        std::string log;
+        (void)daemon.Stop(&log);
+        EXPECT_NE(log.find(row.down), std::string::npos) << log;
+        EXPECT_NE(log.find(row.answered), std::string::npos) << log;
+    }
+    ::close(listening);
+}
+
 // --check on a set-up of its own (a daemon as an account with both
 // engines, a ZMailer configuration, a stand-in for the smtpserver wrapper's
 // --check): all well, then one fault per row, each named in a PROBLEM line.
@@ -132,6 +218,9 @@ TEST_F(Engines, CheckNamesEachFaultOfTheSetUp)
          "PROBLEM clamd at " + zmailer / "clamd.sock: connect"},
         {"stoppedSpamd", {"--spamd", stale, "--spam-reject", "20"}, good, "$MAILSHARE/wrapper", policy,
          "PROBLEM spamd at " + stale + ": connect"},
+        {"farmWithAStoppedMember",
+         {"--clamd", Shared().clamd.socket, "--clamd", zmailer / "clamd.sock"}, good,
+         "$MAILSHARE/wrapper", policy, "PROBLEM clamd at " + zmailer / "clamd.sock: connect"},
         {"wrapperWithBadOption", engines,
          "#!/bin/sh\necho 'PROBLEM --error-action tmpfail: not an action (fix: ...)'\nexit 1\n",
          "$MAILSHARE/wrapper", policy, "\nPROBLEM --error-action tmpfail: "},

@@ -53,12 +53,17 @@ public:
                       "LogFile " +
                       (dir / "clamd.log") + "\nTCPAddr 127.0.0.1\nTCPSocket " +
                       std::to_string(port) + "\nStreamMaxLength 80K\n");
+        Start();
+    }
+    // Killed and reaped: its sockets no longer take connections.
+    void Kill() { process.reset(); }
+    // Started (again) on the same sockets.
+    void Start()
+    {
         process = std::make_unique<ChildProcess>(
             std::vector<std::string>{"/usr/sbin/clamd", "-c", dir / "clamd.conf"});
         AwaitSocket(socket);
     }
-    // Killed and reaped: its socket no longer takes connections.
-    void Kill() { process.reset(); }
 
     TempDir dir;
     const std::string socket = dir / "clamd.sock";

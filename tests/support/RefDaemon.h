@@ -46,6 +46,9 @@ public:
         return process->Wait(nullptr, log);
     }
 
+    // What the daemon logged since the last read, up to and with text
+    // (all of it when text never came within the bound).
+    std::string ReadLogUntil(const std::string& text) { return process->ReadStderrUntil(text); }
     // What the daemon logged up to and with its "listening on" line.
     std::string startLog;
 

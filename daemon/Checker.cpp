@@ -1,0 +1,92 @@
+// daemon/Checker.cpp: the verdict flags of the conversation: 1
+// pass, 2 reject, 4 tempfail, 32 daemon error, 0x200 headers changed in
+// ".msg" (shared/conversation/Conversation.h). Engines share no state between checks, so one Checker serves every
+// worker thread.
+#include "Checker.h"
+
+#include <chrono>
+#include <stdexcept>
+
+#include "DaemonLog.h"
+#include "Entry.h"
+#include "shared/conversation/Conversation.h"
+
+namespace
+{
+
+const uint32_t Pass = VerdictPass;
+const uint32_t Reject = VerdictReject;
+const uint32_t Tempfail = VerdictTempfail;
+const uint32_t DaemonError = VerdictDaemonError;
+const uint32_t HeadersChanged = VerdictHeadersChanged;
+
+// Engines' words (a clamd signature name, a spamd status line) reach the
+// filter's reply line and the log: anything but printable ASCII becomes '?'.
+std::string Printable(std::string text)
+{
+    for (char& c : text)
+        if (c < 0x20 || c > 0x7e)
+            c = '?';
+    return text;
+}
+
+} // namespace
+
+std::string Checker::RunEngines(const std::string& dir, std::string& summary,
+                                std::string& engineName) const
+{
+    Entry entry(dir);
+    const Deadline deadline = Clock::now() + std::chrono::seconds(settings.engineTimeoutSeconds);
+    std::string headers;
+    std::string passNote = "clean";
+    for (const auto& engine : engines) {
+        engineName = engine->Name();
+        EngineResult result = engine->Check(entry.Msg(), entry.MsgStatus(), deadline);
+        engineName.clear();
+        summary += result.summary + ", ";
+        if (result.finding == Finding::Reject)
+            return std::to_string(Reject) + " " + result.note;
+        if (result.finding == Finding::Tempfail)
+            return std::to_string(Tempfail) + " " + result.note;
+        headers += result.headers;
+        passNote = result.note.empty() ? passNote : result.note;
+    }
+    if (!settings.addHeader.empty())
+        headers += settings.addHeader + "\n";
+    if (headers.empty())
+        return std::to_string(Pass) + " " + passNote;
+    entry.PrependHeaders(headers);
+    return std::to_string(Pass | HeadersChanged) + " " + passNote;
+}
+
+std::string Checker::Check(const std::string& dir) const
+{
+    const auto started = Clock::now();
+    std::string answer;
+    std::string summary;
+    std::string engineName;
+    int priority = LOG_INFO;
+    if (settings.fixedVerdict) {
+        answer = std::to_string(settings.verdict);
+        if (!settings.note.empty())
+            answer += " " + settings.note;
+    } else {
+        // The one place where a check's failure is caught: it becomes the
+        // daemon-error answer, so the filter applies its error action.
+        try {
+            answer = RunEngines(dir, summary, engineName);
+        } catch (const std::exception& failure) {
+            answer = std::to_string(DaemonError) + " " +
+                     (engineName.empty() ? "" : engineName + ": ") + failure.what();
+            priority = LOG_ERR;
+        }
+        if (!settings.note.empty())
+            answer = answer.substr(0, answer.find(' ')) + " " + settings.note;
+    }
+    const auto took =
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
+    answer = Printable(answer);
+    Say(priority, Printable(dir + ": " + summary) + "verdict " + answer + ", " +
+                      std::to_string(took) + " ms");
+    return answer;
+}
