@@ -60,7 +60,7 @@ std::string ReadSmall(int fd, const std::string& path, std::size_t maxSize, std:
     }
 }
 
-// "Key: value" and "word value" lines: key -> value (first one wins).
+// Each line that holds separator, split at its first one into a pair.
 void SplitLines(const std::string& text, const std::string& separator,
                 std::vector<std::pair<std::string, std::string>>& pairs)
 {

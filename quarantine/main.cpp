@@ -68,6 +68,12 @@ void List(const Options& options)
     for (const std::string& name : msgs.Names()) {
         auto entry = std::make_unique<KeptEntry>();
         const std::string fault = OpenKeptEntry(msgs, name, *entry);
+        // Only the parsed fields stay: thousands of kept entries must not
+        // hold two descriptors and the files' bytes each.
+        entry->dir = Fd();
+        entry->msg = Fd();
+        entry->envelopeText = std::string();
+        entry->decisionText = std::string();
         if (fault.empty())
             entries.push_back(std::move(entry));
         else
