@@ -5,9 +5,11 @@
 #include "Checker.h"
 
 #include <chrono>
+#include <ctime>
 #include <stdexcept>
 
 #include "DaemonLog.h"
+#include "Decision.h"
 #include "Entry.h"
 #include "shared/conversation/Conversation.h"
 
@@ -86,6 +88,10 @@ std::string Checker::Check(const std::string& dir) const
     const auto took =
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
     answer = Printable(answer);
+    // The admin's record of this answer; its failure changes nothing sent.
+    const std::string failure = WriteDecision(dir, DecisionText(answer, summary, std::time(nullptr)));
+    if (!failure.empty())
+        Say(LOG_WARNING, Printable(failure));
     Say(priority, Printable(dir + ": " + summary) + "verdict " + answer + ", " +
                       std::to_string(took) + " ms");
     return answer;

@@ -81,6 +81,7 @@ std::string RoundTrip(const std::string& baseDir, const passwd& account, bool& a
     }
     // Best effort: the entry is the check's own, and a leftover is named.
     (void)::unlink((dir + "/.msg.refd-new").c_str());
+    (void)::unlink((dir + "/.decision").c_str()); // the record of the answer
     (void)::unlink(msg.c_str());
     if (::rmdir(dir.c_str()) != 0)
         answer += " (and " + dir + " is left over: remove it)";

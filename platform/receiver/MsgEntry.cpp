@@ -21,6 +21,8 @@ namespace
 
 // The envelope file that MailBase::SaveEnvelope writes into an entry.
 const char* const EnvelopeFilename = ".envelope";
+// The daemon's record of its answer (kept for the admin's quarantine tool).
+const char* const DecisionFilename = ".decision";
 // How deep a withdrawal follows directories the daemon made inside an entry,
 // and how often it sweeps one directory that keeps filling up: a hostile tree
 // costs a bounded number of descriptors and calls, then the entry is left.
@@ -151,10 +153,11 @@ bool MsgEntryImpl::SetOwner(int32_t uid, int32_t gid)
 
 bool MsgEntryImpl::Remove()
 {
-    // The usual entry holds just the two files the filter wrote: three calls
-    // remove it. Anything the daemon added is left to the walk.
-    for (const std::string& name :
-         {std::string(EnvelopeFilename), ConfHolderShared::GetMsgFilename()})
+    // The usual entry holds the two files the filter wrote and the daemon's
+    // record of its answer: four calls remove it. Anything else the daemon
+    // added is left to the walk.
+    for (const std::string& name : {std::string(EnvelopeFilename),
+                                    ConfHolderShared::GetMsgFilename(), std::string(DecisionFilename)})
         if (::unlinkat(dirFd.Get(), name.c_str(), 0) != 0 && errno != ENOENT)
             break; // the walk below meets the same file and reports it
     // Removal by name in "msgs/" takes only an empty directory: a link

@@ -169,7 +169,7 @@ protected:
     {
         static const std::regex known(
             R"(base|base/msgs|base/quelt\.sock|base/zmailer\.log|spool|work|)"
-            R"(base/msgs/[^/]+/\.(envelope|msg))");
+            R"(base/msgs/[^/]+/\.(envelope|msg|decision))");
         static const std::regex entry("base/msgs/[^/]+");
         std::vector<std::string> stray;
         for (fs::recursive_directory_iterator it(root), end; it != end; ++it) {

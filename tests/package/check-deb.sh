@@ -36,6 +36,8 @@ for entry in \
     "-rwxr-xr-x root/root ./usr/sbin/vorex-zmailer" \
     "-rwxr-xr-x root/root ./usr/sbin/quelt-refd" \
     "-rwxr-xr-x root/root ./usr/sbin/vorex-zmailer-filter" \
+    "-rwxr-xr-x root/root ./usr/sbin/vorex-quarantine" \
+    "-rw-r--r-- root/root ./usr/share/man/man8/vorex-quarantine.8.gz" \
     "-rw-r--r-- root/root ./usr/share/man/man8/vorex-zmailer.8.gz" \
     "-rw-r--r-- root/root ./usr/share/man/man8/quelt-refd.8.gz" \
     "-rw-r--r-- root/root ./lib/systemd/system/quelt-refd.service" \
@@ -58,6 +60,8 @@ check "quelt-refd --help" "$root/usr/sbin/quelt-refd" --help
 check "vorex-zmailer stripped" stripped "$root/usr/sbin/vorex-zmailer"
 check "quelt-refd stripped" stripped "$root/usr/sbin/quelt-refd"
 check "adapter stripped" stripped "$root/usr/sbin/vorex-zmailer-filter"
+check "vorex-quarantine --help" "$root/usr/sbin/vorex-quarantine" --help
+check "vorex-quarantine stripped" stripped "$root/usr/sbin/vorex-quarantine"
 check "adapter runs the installed filter with the installed options" \
     grep -q -- '--filter arg (=/usr/sbin/vorex-zmailer)$' \
     <("$root/usr/sbin/vorex-zmailer-filter" --help)

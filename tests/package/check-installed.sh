@@ -165,6 +165,13 @@ out=$(filter "$tmp/returned")
 check "returned mail passes unchecked" same "$(sed -n 2p <<<"$out")" "0 250 2.6.0 Okey. Go ahead!"
 check "returned mail loses its X-Vorex-Hash line" cmp "$tmp/returned" "$tmp/returned.expected"
 
+# A rejected message stays; the admin's tool reads the account's entry.
+install -m 0600 "$samples/05-eicar-attachment.spool" "$tmp/infected"
+filter "$tmp/infected" >/dev/null
+check "vorex-quarantine lists the kept virus" grep -q \
+    '  reject  <alice@corp.example> -> <partner@other.example>,<team+sales@corp.example>  infected: ' \
+    <(/usr/sbin/vorex-quarantine list)
+
 kill "$daemon_pid"
 wait "$daemon_pid" 2>/dev/null || true
 daemon_pid=
