@@ -3,11 +3,15 @@
 //  - the daemon alone: connect to BASEDIR/quelt.sock, send "CHECK <dir>",
 //    read the answer. No files are made; run it against a daemon that
 //    answers a fixed verdict without looking at the entry.
+//  - the daemon on prepared entries (--entries): each line of input is an
+//    entry directory that already holds ".envelope" and ".msg"; one request
+//    at a time, as one filter sends them.
 //  - a content-filter program, driven as smtpserver drives it: one process
 //    for the whole run, a job line written only after "#hungry", and every
 //    line up to the next "#hungry" taken as that job's answer. At the end
 //    of input the program's input is closed; it must end with status 0.
 // Usage: bench-roundtrip BASEDIR < lines
+//        bench-roundtrip --entries BASEDIR < entry directories
 //        bench-roundtrip --smtpserver PROGRAM [ARGUMENT...] < lines
 // Exit 0, or 1 with the cause on stderr.
 #include <fcntl.h>
@@ -151,7 +155,9 @@ void DriveFilter(char** argv)
     program.Finish();
 }
 
-void AskDaemonPerLine(const char* baseArgument)
+// With prepared false, every request names an entry that does not exist;
+// with it, the request names the entry on the input line.
+void AskDaemonPerLine(const char* baseArgument, bool prepared)
 {
     const std::string base = bench::BaseDir(baseArgument);
     const std::string socketPath = base + "quelt.sock";
@@ -159,8 +165,12 @@ void AskDaemonPerLine(const char* baseArgument)
     char line[4112];
     unsigned long sequence = 0;
     while (std::fgets(line, sizeof line, stdin) != nullptr) {
-        const std::string answer =
-            bench::AskDaemon(socketPath, entryPrefix + std::to_string(++sequence)) + "\n";
+        std::string entry = line;
+        if (!entry.empty() && entry.back() == '\n')
+            entry.pop_back();
+        if (!prepared)
+            entry = entryPrefix + std::to_string(++sequence);
+        const std::string answer = bench::AskDaemon(socketPath, entry) + "\n";
         bench::WriteAll(1, answer.data(), answer.size(), "standard output");
     }
 }
@@ -170,8 +180,10 @@ void AskDaemonPerLine(const char* baseArgument)
 int main(int argc, char** argv)
 {
     const bool filter = argc >= 3 && std::string(argv[1]) == "--smtpserver";
-    if (argc != 2 && !filter) {
+    const bool prepared = argc == 3 && std::string(argv[1]) == "--entries";
+    if (argc != 2 && !filter && !prepared) {
         std::fputs("usage: bench-roundtrip BASEDIR < lines\n"
+                   "       bench-roundtrip --entries BASEDIR < entry directories\n"
                    "       bench-roundtrip --smtpserver PROGRAM [ARGUMENT...] < lines\n",
                    stderr);
         return 2;
@@ -180,7 +192,7 @@ int main(int argc, char** argv)
         if (filter)
             DriveFilter(argv + 2);
         else
-            AskDaemonPerLine(argv[1]);
+            AskDaemonPerLine(argv[argc - 1], prepared);
         return 0;
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "bench-roundtrip: %s\n", failure.what());
