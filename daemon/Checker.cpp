@@ -64,6 +64,8 @@ std::string Checker::RunEngines(const std::string& dir, std::string& summary,
 std::string Checker::Check(const std::string& dir) const
 {
     const auto started = Clock::now();
+    if (settings.metrics != nullptr)
+        settings.metrics->CheckStarted();
     std::string answer;
     std::string summary;
     std::string engineName;
@@ -85,9 +87,11 @@ std::string Checker::Check(const std::string& dir) const
         if (!settings.note.empty())
             answer = answer.substr(0, answer.find(' ')) + " " + settings.note;
     }
-    const auto took =
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
+    const auto elapsed = Clock::now() - started;
+    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count();
     answer = Printable(answer);
+    if (settings.metrics != nullptr)
+        settings.metrics->CheckEnded(VerdictOfAnswer(answer), elapsed);
     // The admin's record of this answer; its failure changes nothing sent.
     const std::string failure = WriteDecision(dir, DecisionText(answer, summary, std::time(nullptr)));
     if (!failure.empty())

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Engine.h"
+#include "Metrics.h"
 
 struct CheckSettings {
     std::string addHeader; // empty: none; else one line added to a clean message
@@ -19,6 +20,7 @@ struct CheckSettings {
     uint32_t verdict = 0;
     std::string note;              // empty: the check's own note
     int engineTimeoutSeconds = 20; // below the filter's default 30 s
+    Metrics* metrics = nullptr;    // null: no metrics
 };
 
 class Checker

@@ -70,7 +70,9 @@ po::options_description DaemonOptionTable()
                                       "remove kept entries older than N hours")(
         "user", po::value<std::string>(), "account to run as (the daemon binds first when root)")(
         "facility", po::value<std::string>()->default_value("mail"),
-        "syslog facility")("log-stderr", "log to standard error, not syslog");
+        "syslog facility")("log-stderr", "log to standard error, not syslog")(
+        "metrics", po::value<std::string>(),
+        "serve Prometheus metrics at http://HOST:PORT/metrics (default: off)");
     po::options_description check("Checking the set-up");
     check.add_options()("check", "check the whole set-up (see quelt-refd(8)), then exit")(
         "defaults-file", po::value<std::string>()->default_value(DefaultsFile),
@@ -140,6 +142,12 @@ DaemonConfig BuildDaemonConfig(const po::variables_map& given)
     if (config.facility < 0)
         throw std::invalid_argument("unknown --facility " + text("facility"));
     config.logStderr = given.count("log-stderr") != 0;
+    server.metricsListen = text("metrics");
+    const std::size_t colon = server.metricsListen.rfind(':');
+    if (given.count("metrics") &&
+        (colon == std::string::npos || colon == 0 || colon + 1 == server.metricsListen.size() ||
+         server.metricsListen.find_first_not_of("0123456789", colon + 1) != std::string::npos))
+        throw std::invalid_argument("--metrics needs HOST:PORT");
 
     CheckSettings& check = config.check;
     check.engineTimeoutSeconds =
