@@ -188,6 +188,45 @@ TEST_F(Engines, FarmMemberHungOrStoppedIsReplacedByAnother)
     ::close(listening);
 }
 
+// /metrics after five messages through the real filter, with a clamd farm
+// of one live and one stopped member and two entries kept from before:
+// each counter moved by exactly what was sent, the stopped member is down,
+// and promtool takes the text.
+TEST_F(Engines, MetricsCountWhatWasSent)
+{
+    TempDir dir;
+    const std::string stopped = dir / "stopped.sock", clamd = Shared().clamd.socket;
+    ::close(PlayedDaemon::ListenOn(stopped));
+    for (const char* kept : {"msgs/a", "msgs/b"})
+        fs::create_directories(basedir + kept);
+    fs::permissions(basedir + "msgs", fs::perms(01770)); // as the filter makes it
+    const std::string port = std::to_string(FreePort());
+    RefDaemon daemon(basedir, {"--clamd", clamd, "--clamd", stopped, "--spamd", Shared().spamd.socket,
+                               "--revive-seconds", "600", "--metrics", "127.0.0.1:" + port});
+    std::string jobs;
+    for (int at = 0; at < 5; ++at)
+        jobs += Spool("m" + std::to_string(at), at < 2 ? Infected : Clean) + "\n";
+    EXPECT_EQ(RunProgram(Args({"--interface", "0"}), jobs).status, 0);
+    const std::string text =
+        RunProgram({"/usr/bin/curl", "-sf", "http://127.0.0.1:" + port + "/metrics"}).out;
+    const std::string clamdAt = "{engine=\"clamd\",result=\"", spamdAt = "{engine=\"spamd\",result=\"";
+    for (const std::string& line : std::vector<std::string>{
+             "quelt_checks_total{verdict=\"pass\"} 3", "quelt_checks_total{verdict=\"reject\"} 2",
+             "quelt_checks_total{verdict=\"error\"} 0", "quelt_check_duration_seconds_count 5",
+             "quelt_checks_in_flight 0", "quelt_kept_entries 2",
+             "quelt_engine_results_total" + clamdAt + "clean\",upstream=\"" + clamd + "\"} 3",
+             "quelt_engine_results_total" + clamdAt + "found\",upstream=\"" + clamd + "\"} 2",
+             "quelt_engine_results_total" + clamdAt + "error\",upstream=\"" + stopped + "\"} 1",
+             "quelt_engine_results_total" + spamdAt + "clean\",upstream=\"" + Shared().spamd.socket + "\"} 3",
+             "quelt_engine_duration_seconds_count{engine=\"clamd\",upstream=\"" + clamd + "\"} 5",
+             "quelt_upstream_up{engine=\"clamd\",upstream=\"" + clamd + "\"} 1",
+             "quelt_upstream_up{engine=\"clamd\",upstream=\"" + stopped + "\"} 0",
+             "quelt_build_info{version=\"" VOREX_VERSION "\"} 1"})
+        EXPECT_NE(text.find("\n" + line + "\n"), std::string::npos) << line << "\n" << text;
+    const RunResult lint = RunProgram({"/usr/bin/promtool", "check", "metrics"}, text);
+    EXPECT_EQ(lint.status, 0) << lint.out << lint.err;
+}
+
 // --check on a set-up of its own (a daemon as an account with both
 // engines, a ZMailer configuration, a stand-in for the smtpserver wrapper's
 // --check): all well, then one fault per row, each named in a PROBLEM line.
