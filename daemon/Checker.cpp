@@ -35,16 +35,28 @@ std::string Printable(std::string text)
 } // namespace
 
 std::string Checker::RunEngines(const std::string& dir, std::string& summary,
-                                std::string& engineName) const
+                                std::string& engineName, MessageRecord& record) const
 {
     Entry entry(dir);
+    record.size = static_cast<long long>(entry.MsgStatus().st_size);
     const Deadline deadline = Clock::now() + std::chrono::seconds(settings.engineTimeoutSeconds);
     std::string headers;
     std::string passNote = "clean";
     for (const auto& engine : engines) {
         engineName = engine->Name();
+        const auto started = Clock::now();
+        // Filled in as an error first: a throw leaves it so.
+        record.engines.push_back({engineName, "", "error", "", 0});
         EngineResult result = engine->Check(entry.Msg(), entry.MsgStatus(), deadline);
         engineName.clear();
+        EngineRecord& part = record.engines.back();
+        part.upstream = result.upstream;
+        part.result = result.finding == Finding::Clean    ? "clean"
+                      : result.finding == Finding::Reject ? "found"
+                                                          : "tempfail";
+        part.detail = Printable(result.summary);
+        part.ms = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started)
+                      .count();
         summary += result.summary + ", ";
         if (result.finding == Finding::Reject)
             return std::to_string(Reject) + " " + result.note;
@@ -69,6 +81,8 @@ std::string Checker::Check(const std::string& dir) const
     std::string answer;
     std::string summary;
     std::string engineName;
+    MessageRecord record;
+    record.entry = Printable(dir);
     int priority = LOG_INFO;
     if (settings.fixedVerdict) {
         answer = std::to_string(settings.verdict);
@@ -78,7 +92,7 @@ std::string Checker::Check(const std::string& dir) const
         // The one place where a check's failure is caught: it becomes the
         // daemon-error answer, so the filter applies its error action.
         try {
-            answer = RunEngines(dir, summary, engineName);
+            answer = RunEngines(dir, summary, engineName, record);
         } catch (const std::exception& failure) {
             answer = std::to_string(DaemonError) + " " +
                      (engineName.empty() ? "" : engineName + ": ") + failure.what();
@@ -96,7 +110,17 @@ std::string Checker::Check(const std::string& dir) const
     const std::string failure = WriteDecision(dir, DecisionText(answer, summary, std::time(nullptr)));
     if (!failure.empty())
         Say(LOG_WARNING, Printable(failure));
-    Say(priority, Printable(dir + ": " + summary) + "verdict " + answer + ", " +
-                      std::to_string(took) + " ms");
+    if (!settings.logJson) {
+        Say(priority, Printable(dir + ": " + summary) + "verdict " + answer + ", " +
+                          std::to_string(took) + " ms");
+        return answer;
+    }
+    record.answer = answer;
+    record.ms = took;
+    record.withAddresses = settings.logAddresses;
+    const std::string unread = settings.logAddresses ? ReadEnvelopeAddresses(dir, record) : "";
+    if (!unread.empty())
+        Say(LOG_WARNING, Printable(unread));
+    Say(priority, MessageJson(record));
     return answer;
 }

@@ -119,9 +119,8 @@ Metrics::~Metrics()
 UpstreamSeries* Metrics::AddUpstream(const std::string& engine, const std::string& address)
 {
     const pm::Labels labels = {{"engine", engine}, {"upstream", address}};
-    UpstreamSeries& series = parts->upstreams.emplace_back(
-        UpstreamSeries{parts->engineDuration.Add(labels, LatencyBuckets()), {},
-                       parts->upstreamUp.Add(labels)});
+    UpstreamSeries& series = parts->upstreams.emplace_back(UpstreamSeries{
+        parts->engineDuration.Add(labels, LatencyBuckets()), {}, parts->upstreamUp.Add(labels)});
     for (int at = 0; at < 4; ++at) {
         pm::Labels withResult = labels;
         withResult["result"] = TryResultNames[at];
@@ -179,6 +178,11 @@ CheckVerdict VerdictOfAnswer(const std::string& answer)
     if (value == VerdictDaemonError)
         return CheckVerdict::Error;
     return CheckVerdict::Other;
+}
+
+const char* VerdictName(CheckVerdict verdict)
+{
+    return VerdictNames[static_cast<int>(verdict)];
 }
 
 void RecordTry(UpstreamSeries* series, TryResult result, std::chrono::nanoseconds took)

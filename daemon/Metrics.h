@@ -52,8 +52,10 @@ private:
     std::unique_ptr<Parts> parts;
 };
 
-// The verdict of an answer line's flags (its first word).
+// The verdict of an answer line's flags (its first word), and its name as
+// metrics and the log give it ("pass", "reject", "tempfail", "error", "other").
 CheckVerdict VerdictOfAnswer(const std::string& answer);
+const char* VerdictName(CheckVerdict verdict);
 
 // Null-safe recorders for the upstream pool.
 void RecordTry(UpstreamSeries* series, TryResult result, std::chrono::nanoseconds took);
