@@ -82,7 +82,6 @@ std::string Checker::Check(const std::string& dir) const
     std::string summary;
     std::string engineName;
     MessageRecord record;
-    record.entry = Printable(dir);
     int priority = LOG_INFO;
     if (settings.fixedVerdict) {
         answer = std::to_string(settings.verdict);
@@ -115,6 +114,7 @@ std::string Checker::Check(const std::string& dir) const
                           std::to_string(took) + " ms");
         return answer;
     }
+    record.entry = Printable(dir);
     record.answer = answer;
     record.ms = took;
     record.withAddresses = settings.logAddresses;
