@@ -35,16 +35,28 @@ std::string Printable(std::string text)
 } // namespace
 
 std::string Checker::RunEngines(const std::string& dir, std::string& summary,
-                                std::string& engineName) const
+                                std::string& engineName, MessageRecord& record) const
 {
     Entry entry(dir);
+    record.size = static_cast<long long>(entry.MsgStatus().st_size);
     const Deadline deadline = Clock::now() + std::chrono::seconds(settings.engineTimeoutSeconds);
     std::string headers;
     std::string passNote = "clean";
     for (const auto& engine : engines) {
         engineName = engine->Name();
+        const auto started = Clock::now();
+        // Filled in as an error first: a throw leaves it so.
+        record.engines.push_back({engineName, "", "error", "", 0});
         EngineResult result = engine->Check(entry.Msg(), entry.MsgStatus(), deadline);
         engineName.clear();
+        EngineRecord& part = record.engines.back();
+        part.upstream = result.upstream;
+        part.result = result.finding == Finding::Clean    ? "clean"
+                      : result.finding == Finding::Reject ? "found"
+                                                          : "tempfail";
+        part.detail = Printable(result.summary);
+        part.ms = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started)
+                      .count();
         summary += result.summary + ", ";
         if (result.finding == Finding::Reject)
             return std::to_string(Reject) + " " + result.note;
@@ -64,9 +76,12 @@ std::string Checker::RunEngines(const std::string& dir, std::string& summary,
 std::string Checker::Check(const std::string& dir) const
 {
     const auto started = Clock::now();
+    if (settings.metrics != nullptr)
+        settings.metrics->CheckStarted();
     std::string answer;
     std::string summary;
     std::string engineName;
+    MessageRecord record;
     int priority = LOG_INFO;
     if (settings.fixedVerdict) {
         answer = std::to_string(settings.verdict);
@@ -76,7 +91,7 @@ std::string Checker::Check(const std::string& dir) const
         // The one place where a check's failure is caught: it becomes the
         // daemon-error answer, so the filter applies its error action.
         try {
-            answer = RunEngines(dir, summary, engineName);
+            answer = RunEngines(dir, summary, engineName, record);
         } catch (const std::exception& failure) {
             answer = std::to_string(DaemonError) + " " +
                      (engineName.empty() ? "" : engineName + ": ") + failure.what();
@@ -85,14 +100,27 @@ std::string Checker::Check(const std::string& dir) const
         if (!settings.note.empty())
             answer = answer.substr(0, answer.find(' ')) + " " + settings.note;
     }
-    const auto took =
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
+    const auto elapsed = Clock::now() - started;
+    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count();
     answer = Printable(answer);
+    if (settings.metrics != nullptr)
+        settings.metrics->CheckEnded(VerdictOfAnswer(answer), elapsed);
     // The admin's record of this answer; its failure changes nothing sent.
     const std::string failure = WriteDecision(dir, DecisionText(answer, summary, std::time(nullptr)));
     if (!failure.empty())
         Say(LOG_WARNING, Printable(failure));
-    Say(priority, Printable(dir + ": " + summary) + "verdict " + answer + ", " +
-                      std::to_string(took) + " ms");
+    if (!settings.logJson) {
+        Say(priority, Printable(dir + ": " + summary) + "verdict " + answer + ", " +
+                          std::to_string(took) + " ms");
+        return answer;
+    }
+    record.entry = Printable(dir);
+    record.answer = answer;
+    record.ms = took;
+    record.withAddresses = settings.logAddresses;
+    const std::string unread = settings.logAddresses ? ReadEnvelopeAddresses(dir, record) : "";
+    if (!unread.empty())
+        Say(LOG_WARNING, Printable(unread));
+    Say(priority, MessageJson(record));
     return answer;
 }

@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "Engine.h"
+#include "MessageLog.h"
+#include "Metrics.h"
 
 struct CheckSettings {
     std::string addHeader; // empty: none; else one line added to a clean message
@@ -19,6 +21,9 @@ struct CheckSettings {
     uint32_t verdict = 0;
     std::string note;              // empty: the check's own note
     int engineTimeoutSeconds = 20; // below the filter's default 30 s
+    Metrics* metrics = nullptr;    // null: no metrics
+    bool logJson = false;          // the per-message line as JSON (MessageLog.h)
+    bool logAddresses = false;     // JSON lines name the envelope's addresses
 };
 
 class Checker
@@ -35,8 +40,9 @@ public:
 private:
     // engineName: the engine at work when this throws, empty before and
     // after the engines.
-    std::string RunEngines(const std::string& dir, std::string& summary,
-                           std::string& engineName) const;
+    // record gets the message's size and each engine's part.
+    std::string RunEngines(const std::string& dir, std::string& summary, std::string& engineName,
+                           MessageRecord& record) const;
 
     const CheckSettings settings;
     const std::vector<std::unique_ptr<Engine>> engines;

@@ -70,7 +70,12 @@ po::options_description DaemonOptionTable()
                                       "remove kept entries older than N hours")(
         "user", po::value<std::string>(), "account to run as (the daemon binds first when root)")(
         "facility", po::value<std::string>()->default_value("mail"),
-        "syslog facility")("log-stderr", "log to standard error, not syslog");
+        "syslog facility")("log-stderr", "log to standard error, not syslog")(
+        "metrics", po::value<std::string>(),
+        "serve Prometheus metrics at http://HOST:PORT/metrics (default: off)")(
+        "log-format", po::value<std::string>()->default_value("plain"),
+        "the line per message: plain|json")(
+        "log-addresses", "JSON lines name the envelope's sender and recipients");
     po::options_description check("Checking the set-up");
     check.add_options()("check", "check the whole set-up (see quelt-refd(8)), then exit")(
         "defaults-file", po::value<std::string>()->default_value(DefaultsFile),
@@ -140,6 +145,12 @@ DaemonConfig BuildDaemonConfig(const po::variables_map& given)
     if (config.facility < 0)
         throw std::invalid_argument("unknown --facility " + text("facility"));
     config.logStderr = given.count("log-stderr") != 0;
+    server.metricsListen = text("metrics");
+    const std::size_t colon = server.metricsListen.rfind(':');
+    if (given.count("metrics") &&
+        (colon == std::string::npos || colon == 0 || colon + 1 == server.metricsListen.size() ||
+         server.metricsListen.find_first_not_of("0123456789", colon + 1) != std::string::npos))
+        throw std::invalid_argument("--metrics needs HOST:PORT");
 
     CheckSettings& check = config.check;
     check.engineTimeoutSeconds =
@@ -157,6 +168,14 @@ DaemonConfig BuildDaemonConfig(const po::variables_map& given)
     check.note = text("note");
     if (!IsOneLine(check.note))
         throw std::invalid_argument("--note must be one line");
+
+    const std::string format = text("log-format");
+    if (format != "plain" && format != "json")
+        throw std::invalid_argument("--log-format needs plain or json");
+    check.logJson = format == "json";
+    check.logAddresses = given.count("log-addresses") != 0;
+    if (check.logAddresses && !check.logJson)
+        throw std::invalid_argument("--log-addresses needs --log-format json");
 
     const std::string limits = text("limits-exceeded");
     if (limits != "reject" && limits != "tempfail" && limits != "pass")

@@ -18,6 +18,7 @@ struct EngineResult {
                          // pass that is more than clean: "spam: score S/T, tagged"
     std::string headers; // header lines to put on top of ".msg", each ending "\n"
     std::string summary; // the engine's result in the daemon's log line
+    std::string upstream; // the pool's upstream that answered (empty: a lone engine)
 };
 
 class Engine

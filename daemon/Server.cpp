@@ -174,11 +174,15 @@ int Server::Run()
 
     Listen();
     DropPrivileges(account);
+    // Bound as the account, after the signal mask: the listener's threads
+    // never run as root and never take a stop signal.
+    if (settings.metrics != nullptr)
+        settings.metrics->Serve(settings.metricsListen);
     const std::string msgsDir = settings.baseDir + conversation::EntriesFolderName;
-    SweepKeptEntries(msgsDir, settings.keepHours);
+    SweepKeptEntries(msgsDir, settings.keepHours, settings.metrics);
 
     std::vector<std::thread> threads;
-    threads.emplace_back(RunSweeper, msgsDir, settings.keepHours, stopRead.Get());
+    threads.emplace_back(RunSweeper, msgsDir, settings.keepHours, stopRead.Get(), settings.metrics);
     if (!settings.pools.empty()) // the test engine has none
         threads.emplace_back(RunProber, settings.pools, stopRead.Get());
     for (int i = 0; i < settings.maxChecks; ++i)

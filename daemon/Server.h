@@ -11,6 +11,7 @@
 #include <string>
 
 #include "Checker.h"
+#include "Metrics.h"
 #include "UpstreamPool.h"
 
 struct ServerSettings {
@@ -20,6 +21,8 @@ struct ServerSettings {
     int keepHours = 72;  // kept entries older than this are removed
     int delayMs = 0;     // wait before each answer (tests)
     std::vector<UpstreamPool*> pools; // the engines' pools, probed in the background
+    std::string metricsListen;        // empty: no metrics; else HOST:PORT for /metrics
+    Metrics* metrics = nullptr;       // set when metricsListen is
 };
 
 // Serves until a stop signal; returns the exit status (0 after a clean stop).

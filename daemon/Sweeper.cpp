@@ -16,11 +16,13 @@
 
 #include "DaemonLog.h"
 #include "Fd.h"
+#include "Metrics.h"
 
 namespace
 {
 
 constexpr int SweepIntervalMs = 3600 * 1000;
+constexpr int CensusIntervalMs = 60 * 1000;
 // The filter makes entries one level deep; deeper trees are not its.
 constexpr int MaxDepth = 4;
 
@@ -91,8 +93,10 @@ void RemoveEntry(int msgsFd, const std::string& name, const std::string& path)
     RemoveTree(msgsFd, name, path, 0);
 }
 
-void SweepKeptEntries(const std::string& msgsDir, int keepHours)
+void SweepKeptEntries(const std::string& msgsDir, int keepHours, Metrics* metrics)
 {
+    std::size_t keptCount = 0;
+    time_t oldestAge = 0;
     // The sweep's driver: what fails is logged, the daemon serves on.
     try {
         Fd msgsFd(::open(msgsDir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -112,8 +116,11 @@ void SweepKeptEntries(const std::string& msgsDir, int keepHours)
                 continue;
             const time_t changed = std::max(status.st_mtime, status.st_ctime);
             const long hours = static_cast<long>((now - changed) / 3600);
-            if (now - changed < static_cast<time_t>(keepHours) * 3600)
+            if (now - changed < static_cast<time_t>(keepHours) * 3600) {
+                ++keptCount;
+                oldestAge = std::max(oldestAge, now - changed);
                 continue;
+            }
             try {
                 RemoveTree(msgsFd.Get(), name, path, 0);
                 Say(LOG_INFO,
@@ -125,16 +132,18 @@ void SweepKeptEntries(const std::string& msgsDir, int keepHours)
     } catch (const std::exception& failure) {
         Say(LOG_ERR, std::string("sweep of kept entries failed: ") + failure.what());
     }
+    if (metrics != nullptr)
+        metrics->KeptEntries(keptCount, std::chrono::seconds(std::max<time_t>(oldestAge, 0)));
 }
 
-void RunSweeper(std::string msgsDir, int keepHours, int stopFd)
+void RunSweeper(std::string msgsDir, int keepHours, int stopFd, Metrics* metrics)
 {
     for (;;) {
         pollfd stop = {stopFd, POLLIN, 0};
-        int count = ::poll(&stop, 1, SweepIntervalMs);
+        int count = ::poll(&stop, 1, metrics != nullptr ? CensusIntervalMs : SweepIntervalMs);
         if (count > 0 || (count < 0 && errno != EINTR))
             return;
         if (count == 0)
-            SweepKeptEntries(msgsDir, keepHours);
+            SweepKeptEntries(msgsDir, keepHours, metrics);
     }
 }

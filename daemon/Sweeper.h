@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+class Metrics;
+
 // Removes the entry name in the "msgs/" directory open as msgsFd with all
 // in it, following no link; path names it in errors (std::domain_error).
 void RemoveEntry(int msgsFd, const std::string& name, const std::string& path);
@@ -16,8 +18,10 @@ void RemoveEntry(int msgsFd, const std::string& name, const std::string& path);
 // The names in the directory open as dirFd, without "." and "..".
 std::vector<std::string> ListNames(int dirFd, const std::string& path);
 
-// One sweep of msgsDir now.
-void SweepKeptEntries(const std::string& msgsDir, int keepHours);
+// One sweep of msgsDir now; the entries it keeps go to metrics (when not
+// null) as their number and the oldest one's age.
+void SweepKeptEntries(const std::string& msgsDir, int keepHours, Metrics* metrics = nullptr);
 
-// Sweeps every hour until stopFd turns readable (a thread's body).
-void RunSweeper(std::string msgsDir, int keepHours, int stopFd);
+// Sweeps until stopFd turns readable (a thread's body): every hour, or
+// every minute with metrics, so that their census stays fresh.
+void RunSweeper(std::string msgsDir, int keepHours, int stopFd, Metrics* metrics = nullptr);

@@ -22,7 +22,8 @@ constexpr std::chrono::milliseconds PingTimeout(1000);
 } // namespace
 
 UpstreamPool::UpstreamPool(std::vector<Upstream> given, std::chrono::seconds revive)
-    : upstreams(std::move(given)), revive(revive), health(upstreams.size())
+    : upstreams(std::move(given)), revive(revive), health(upstreams.size()),
+      series(upstreams.size(), nullptr)
 {
     if (upstreams.empty())
         throw std::logic_error("an engine pool without an upstream");
@@ -74,6 +75,7 @@ void UpstreamPool::MarkDown(std::size_t at, const std::string& cause)
             return;
         one.up = false;
         one.downSince = Clock::now();
+        RecordUpstreamUp(series[at], false);
         line = std::string(Name()) + " " + Address(at) + " down: " + cause + "; " +
                std::to_string(UpCount()) + " of " + std::to_string(Size()) + " up";
     }
@@ -89,6 +91,7 @@ void UpstreamPool::MarkUp(std::size_t at)
         if (one.up)
             return;
         one.up = true;
+        RecordUpstreamUp(series[at], true);
         const auto down =
             std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - one.downSince).count();
         line = std::string(Name()) + " " + Address(at) + " up again after " + std::to_string(down) +
@@ -116,12 +119,18 @@ EngineResult UpstreamPool::Check(int msg, const struct stat& status, Deadline de
         try {
             result = upstreams[at].engine->Check(msg, status, tryDeadline);
         } catch (const std::exception& failure) {
+            const auto end = Clock::now();
+            RecordTry(series[at], end >= tryDeadline ? TryResult::Timeout : TryResult::Error,
+                      end - now);
             MarkDown(at, failure.what());
             causes += (causes.empty() ? "" : "; ") + Address(at) + ": " + failure.what();
             continue;
         }
+        RecordTry(series[at], result.finding == Finding::Clean ? TryResult::Clean : TryResult::Found,
+                  Clock::now() - now);
         MarkUp(at);
         result.summary += " via " + Address(at);
+        result.upstream = Address(at);
         return result;
     }
 }
@@ -165,6 +174,12 @@ void UpstreamPool::ProbeDue(std::chrono::milliseconds timeout)
         // A failed ping marks it down again until its next revive time.
         (void)PingOne(at, Clock::now() + timeout);
     }
+}
+
+void UpstreamPool::AttachMetrics(Metrics& metrics)
+{
+    for (std::size_t at = 0; at < upstreams.size(); ++at)
+        series[at] = metrics.AddUpstream(Name(), Address(at));
 }
 
 void RunProber(std::vector<UpstreamPool*> pools, int stopFd)

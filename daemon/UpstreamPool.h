@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "Engine.h"
+#include "Metrics.h"
 
 class UpstreamPool final : public Engine
 {
@@ -51,6 +52,9 @@ public:
     // Pings the upstreams that are down past their revive time (the
     // background probe): each gets until now + timeout.
     void ProbeDue(std::chrono::milliseconds timeout);
+    // Records every try and change of state in metrics from now on. Before
+    // the first check only.
+    void AttachMetrics(Metrics& metrics);
 
 private:
     struct Health {
@@ -72,6 +76,7 @@ private:
     std::mutex mutex;
     std::vector<Health> health; // by the mutex
     std::size_t next;           // by the mutex: where round robin goes on
+    std::vector<UpstreamSeries*> series; // by upstream; all null without metrics
 };
 
 // The background probe of every pool, off the message path: a few times a

@@ -12,6 +12,7 @@
 #include "DaemonLog.h"
 #include "DaemonOptions.h"
 #include "Doctor.h"
+#include "Metrics.h"
 
 namespace
 {
@@ -65,6 +66,16 @@ int main(int argc, char** argv)
     OpenDaemonLog(config.logStderr, config.facility);
     // The start-up path's one catch: what keeps the daemon from serving.
     try {
+        // Made before the checker and the server that record in it; its
+        // listener starts in the server, as the account.
+        std::unique_ptr<Metrics> metrics;
+        if (!config.server.metricsListen.empty()) {
+            metrics = std::make_unique<Metrics>();
+            for (UpstreamPool* pool : config.pools)
+                pool->AttachMetrics(*metrics);
+            config.check.metrics = metrics.get();
+            config.server.metrics = metrics.get();
+        }
         const Checker checker(config.check, std::move(config.engines));
         return RunServer(config.server, checker);
     } catch (const std::exception& failure) {

@@ -46,6 +46,7 @@ for entry in \
     "-rw-r--r-- root/root ./usr/share/doc/vorex-zmailer/README.md.gz" \
     "-rw-r--r-- root/root ./usr/share/doc/vorex-zmailer/examples/process.cf.snippet" \
     "-rw-r--r-- root/root ./usr/share/doc/vorex-zmailer/examples/zmailer-filter.conf" \
+    "-rw-r--r-- root/root ./usr/share/doc/vorex-zmailer/examples/prometheus/prometheus.yml" \
     "-rw-r--r-- root/root ./etc/vorex/zmailer-filter.conf" \
     "-rw-r--r-- root/root ./usr/share/doc/vorex-zmailer/examples/spool/01-clean.spool"; do
     check "listed: $entry" listed "$entry"

@@ -2,8 +2,10 @@
 // with real engines: verdicts, notes and the spool files' bytes after each
 // run, and an engine that dies between two messages.
 #include <regex>
+#include <sstream>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "Engines.h"
 #include "support/FilterSandbox.h"
@@ -186,6 +188,63 @@ TEST_F(Engines, FarmMemberHungOrStoppedIsReplacedByAnother)
         EXPECT_NE(log.find(row.answered), std::string::npos) << log;
     }
     ::close(listening);
+}
+
+// /metrics after five messages through the real filter, with a clamd farm
+// of one live and one stopped member and two entries kept from before:
+// each counter moved by exactly what was sent, the stopped member is down,
+// and promtool takes the text. The log has one JSON line per message, with
+// what answered, the verdict and the envelope's addresses.
+TEST_F(Engines, MetricsCountWhatWasSent)
+{
+    TempDir dir;
+    const std::string stopped = dir / "stopped.sock", clamd = Shared().clamd.socket;
+    ::close(PlayedDaemon::ListenOn(stopped));
+    for (const char* kept : {"msgs/a", "msgs/b"})
+        fs::create_directories(basedir + kept);
+    fs::permissions(basedir + "msgs", fs::perms(01770)); // as the filter makes it
+    const std::string port = std::to_string(FreePort());
+    RefDaemon daemon(basedir, {"--clamd", clamd, "--clamd", stopped, "--spamd", Shared().spamd.socket,
+                               "--revive-seconds", "600", "--metrics", "127.0.0.1:" + port,
+                               "--log-format", "json", "--log-addresses"});
+    std::string jobs;
+    for (int at = 0; at < 5; ++at)
+        jobs += Spool("m" + std::to_string(at), at < 2 ? Infected : Clean) + "\n";
+    EXPECT_EQ(RunProgram(Args({"--interface", "0"}), jobs).status, 0);
+    const std::string text =
+        RunProgram({"/usr/bin/curl", "-sf", "http://127.0.0.1:" + port + "/metrics"}).out;
+    const std::string clamdAt = "{engine=\"clamd\",result=\"", spamdAt = "{engine=\"spamd\",result=\"";
+    for (const std::string& line : std::vector<std::string>{
+             "quelt_checks_total{verdict=\"pass\"} 3", "quelt_checks_total{verdict=\"reject\"} 2",
+             "quelt_checks_total{verdict=\"error\"} 0", "quelt_check_duration_seconds_count 5",
+             "quelt_checks_in_flight 0", "quelt_kept_entries 2",
+             "quelt_engine_results_total" + clamdAt + "clean\",upstream=\"" + clamd + "\"} 3",
+             "quelt_engine_results_total" + clamdAt + "found\",upstream=\"" + clamd + "\"} 2",
+             "quelt_engine_results_total" + clamdAt + "error\",upstream=\"" + stopped + "\"} 1",
+             "quelt_engine_results_total" + spamdAt + "clean\",upstream=\"" + Shared().spamd.socket + "\"} 3",
+             "quelt_engine_duration_seconds_count{engine=\"clamd\",upstream=\"" + clamd + "\"} 5",
+             "quelt_upstream_up{engine=\"clamd\",upstream=\"" + clamd + "\"} 1",
+             "quelt_upstream_up{engine=\"clamd\",upstream=\"" + stopped + "\"} 0",
+             "quelt_build_info{version=\"" VOREX_VERSION "\"} 1"})
+        EXPECT_NE(text.find("\n" + line + "\n"), std::string::npos) << line << "\n" << text;
+    const RunResult lint = RunProgram({"/usr/bin/promtool", "check", "metrics"}, text);
+    EXPECT_EQ(lint.status, 0) << lint.out << lint.err;
+    std::string log, lines, line;
+    (void)daemon.Stop(&log);
+    for (std::istringstream in(log); std::getline(in, line);) {
+        if (line.compare(0, 13, "quelt-refd: {") != 0)
+            continue;
+        auto json = nlohmann::json::parse(line.substr(12));
+        lines += json["verdict"].get<std::string>() + " " + json["note"].get<std::string>() + " " +
+                 json["from"].dump() + json["to"].dump();
+        for (auto& engine : json["engines"])
+            lines += " " + engine["engine"].get<std::string>() + "@" + engine["upstream"].get<std::string>() +
+                     ":" + engine["result"].get<std::string>();
+        lines += json["size"] > 0 && json["ms"] >= 0 ? "\n" : " bad size or ms\n";
+    }
+    const std::string infected = "reject infected: eicar.com.UNOFFICIAL \"<alice@corp.example>\"[\"<partner@other.example>\",\"<team+sales@corp.example>\"] clamd@" + clamd + ":found\n";
+    const std::string clean = "pass clean \"<newsletter@sender.example>\"[\"<john.doe@corp.example>\"] clamd@" + clamd + ":clean spamd@" + Shared().spamd.socket + ":clean\n";
+    EXPECT_EQ(lines, infected + infected + clean + clean + clean) << log;
 }
 
 // --check on a set-up of its own (a daemon as an account with both

@@ -184,6 +184,9 @@ TEST_F(QueltRefd, RefusesBadOptions)
         {"--log-stderr", "--verdict", "1", "--verdict is a test-only option: it needs --test-engine"},
         {test, "--clamd", "/c.sock", "--test-engine is for tests alone, not with --clamd or --spamd"},
         {test, "--bogus", "x", "unrecognised option '--bogus'"},
+        {test, "--metrics", "9733", "--metrics needs HOST:PORT"},
+        {test, "--log-format", "xml", "--log-format needs plain or json"},
+        {test, "--log-addresses", "--log-stderr", "--log-addresses needs --log-format json"},
     };
     for (const auto& row : rows) {
         std::string err;
