@@ -41,9 +41,12 @@ std::string Checker::RunEngines(const std::string& dir, std::string& summary,
     const Deadline deadline = Clock::now() + std::chrono::seconds(settings.engineTimeoutSeconds);
     std::string headers;
     std::string passNote = "clean";
+    MessageEnvelope envelope;
     for (const auto& engine : engines) {
         engineName = engine->Name();
-        EngineResult result = engine->Check(entry.Msg(), entry.MsgStatus(), deadline);
+        if (engine->UsesEnvelope() && envelope.queueId.empty())
+            envelope = entry.ReadEnvelope();
+        EngineResult result = engine->Check(entry.Msg(), entry.MsgStatus(), envelope, deadline);
         engineName.clear();
         summary += result.summary + ", ";
         if (result.finding == Finding::Reject)

@@ -180,9 +180,9 @@ TEST_F(QueltRefd, RefusesBadOptions)
         {test, "--spam-reject", "5", "--spam-reject needs --spamd"},
         {test, "--verdict", "-1", "--verdict needs a number from 0 to 4294967295"},
         {"--log-stderr", "--user", "nobody",
-         "no engine: give --clamd and/or --spamd (OPTIONS in /etc/default/quelt-refd)"},
+         "no engine: give --clamd, --spamd and/or --rspamd (OPTIONS in /etc/default/quelt-refd)"},
         {"--log-stderr", "--verdict", "1", "--verdict is a test-only option: it needs --test-engine"},
-        {test, "--clamd", "/c.sock", "--test-engine is for tests alone, not with --clamd or --spamd"},
+        {test, "--clamd", "/c.sock", "--test-engine is for tests alone, not with a real engine"},
         {test, "--bogus", "x", "unrecognised option '--bogus'"},
     };
     for (const auto& row : rows) {
