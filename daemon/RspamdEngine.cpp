@@ -103,7 +103,8 @@ bool IsKeptName(const std::string& name)
     if (name.empty() || name.size() > 64)
         return false;
     for (char c : name)
-        if (!((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-'))
+        if (!((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+              c == '-'))
             return false;
     for (const char* prefix : KeptPrefixes)
         if (name.size() > std::char_traits<char>::length(prefix) &&
@@ -166,8 +167,8 @@ std::string AddedHeaders(const Json& answer)
 
 } // namespace
 
-EngineResult RspamdEngine::Check(int msg, const struct stat& status, const MessageEnvelope& envelope,
-                                 Deadline deadline)
+EngineResult RspamdEngine::Check(int msg, const struct stat& status,
+                                 const MessageEnvelope& envelope, Deadline deadline)
 {
     EngineResult result;
     const std::size_t size = static_cast<std::size_t>(status.st_size);
