@@ -60,6 +60,8 @@ Response ReadResponse(int socket, Deadline deadline)
             if (failure)
                 throw std::domain_error("rspamd answered no HTTP: " + failure.message());
             pending.erase(0, used);
+            if (used == 0)
+                break; // nothing taken: more bytes first
         }
     }
     return parser.release();
