@@ -114,6 +114,7 @@ void Check(const std::string& spoolPath, const std::string& entryPrefix,
 
     RemovePath(envelopePath, false);
     RemovePath(msgPath, false);
+    RemovePath(dir + "/.decision", false); // the daemon's record of its answer
     RemovePath(dir, true);
     bench::WriteAll(1, Reply, sizeof Reply - 1, "standard output");
 }
