@@ -42,12 +42,15 @@ std::string Checker::RunEngines(const std::string& dir, std::string& summary,
     const Deadline deadline = Clock::now() + std::chrono::seconds(settings.engineTimeoutSeconds);
     std::string headers;
     std::string passNote = "clean";
+    MessageEnvelope envelope;
     for (const auto& engine : engines) {
         engineName = engine->Name();
         const auto started = Clock::now();
         // Filled in as an error first: a throw leaves it so.
         record.engines.push_back({engineName, "", "error", "", 0});
-        EngineResult result = engine->Check(entry.Msg(), entry.MsgStatus(), deadline);
+        if (engine->UsesEnvelope() && envelope.queueId.empty())
+            envelope = entry.ReadEnvelope();
+        EngineResult result = engine->Check(entry.Msg(), entry.MsgStatus(), envelope, deadline);
         engineName.clear();
         EngineRecord& part = record.engines.back();
         part.upstream = result.upstream;

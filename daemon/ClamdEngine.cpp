@@ -76,7 +76,8 @@ void ClamdEngine::StreamMessage(int socket, int msg, std::size_t size, Deadline 
     (void)SendAll(socket, end, sizeof end, deadline); // a closed peer has answered already
 }
 
-EngineResult ClamdEngine::Check(int msg, const struct stat& status, Deadline deadline)
+EngineResult ClamdEngine::Check(int msg, const struct stat& status,
+                                const MessageEnvelope& /*envelope*/, Deadline deadline)
 {
     Fd socket = ConnectWithDeadline(address, deadline);
     if (address.isUnix) {

@@ -18,7 +18,8 @@ public:
     {
     }
     const char* Name() const override { return "clamd"; }
-    EngineResult Check(int msg, const struct stat& status, Deadline deadline) override;
+    EngineResult Check(int msg, const struct stat& status, const MessageEnvelope& /*envelope*/,
+                       Deadline deadline) override;
     void Ping(Deadline deadline) override;
 
 private:

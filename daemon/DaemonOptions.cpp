@@ -11,6 +11,7 @@
 #include "ClamdEngine.h"
 #include "DaemonLog.h"
 #include "ReferenceEngine.h"
+#include "RspamdEngine.h"
 #include "SpamdEngine.h"
 
 namespace po = boost::program_options;
@@ -55,10 +56,12 @@ po::options_description DaemonOptionTable()
         "ClamAV's clamd: its socket PATH or HOST:PORT; repeated: a farm")(
         "spamd", po::value<std::vector<std::string>>(),
         "SpamAssassin's spamd: its socket PATH or HOST:PORT; repeated: a farm")(
+        "rspamd", po::value<std::vector<std::string>>(),
+        "rspamd's normal worker: its socket PATH or HOST:PORT; repeated: a farm")(
         "spam-reject", po::value<std::string>(),
         "reject spam scoring SCORE or more (default: tag only)")(
         "spam-max-size", po::value<std::string>()->default_value("524288"),
-        "larger messages skip the spam check (BYTES)")(
+        "larger messages skip the spam checks (BYTES)")(
         "limits-exceeded", po::value<std::string>()->default_value("tempfail"),
         "clamd's size-limit find: reject|tempfail|pass")(
         "engine-timeout", po::value<std::string>()->default_value("20"),
@@ -120,11 +123,11 @@ DaemonConfig BuildDaemonConfig(const po::variables_map& given)
         if (given.count(option) && !config.testEngine)
             throw std::invalid_argument(std::string("--") + option +
                                         " is a test-only option: it needs --test-engine");
-    const bool realEngine = given.count("clamd") || given.count("spamd");
+    const bool realEngine = given.count("clamd") || given.count("spamd") || given.count("rspamd");
     if (config.testEngine && realEngine)
-        throw std::invalid_argument("--test-engine is for tests alone, not with --clamd or --spamd");
+        throw std::invalid_argument("--test-engine is for tests alone, not with a real engine");
     if (!config.testEngine && !realEngine)
-        throw std::invalid_argument(std::string("no engine: give --clamd and/or --spamd "
+        throw std::invalid_argument(std::string("no engine: give --clamd, --spamd and/or --rspamd "
                                                 "(OPTIONS in ") +
                                     DefaultsFile + ")");
 
@@ -217,6 +220,10 @@ DaemonConfig BuildDaemonConfig(const po::variables_map& given)
     if (given.count("spamd"))
         addPool("spamd", [&](EngineAddress address) -> std::unique_ptr<Engine> {
             return std::make_unique<SpamdEngine>(std::move(address), spam);
+        });
+    if (given.count("rspamd"))
+        addPool("rspamd", [&](EngineAddress address) -> std::unique_ptr<Engine> {
+            return std::make_unique<RspamdEngine>(std::move(address), spam.maxSize);
         });
     if (config.testEngine)
         config.engines.push_back(std::make_unique<ReferenceEngine>());

@@ -82,11 +82,12 @@ void CheckEngines(CheckReport& report, const DaemonConfig& config)
             const std::string cause = pool->PingOne(
                 at, Clock::now() + std::chrono::seconds(config.check.engineTimeoutSeconds));
             if (cause.empty())
-                report.Ok(what + " answers " + (name == "clamd" ? "zPING" : "PING"));
+                report.Ok(what + " answers " +
+                          (name == "clamd" ? "zPING" : name == "rspamd" ? "GET /ping" : "PING"));
             else
                 report.Problem(what, cause,
                                "start it (systemctl start " +
-                                   std::string(name == "clamd" ? "clamav-daemon" : "spamd") +
+                                   std::string(name == "clamd" ? "clamav-daemon" : name) +
                                    ") or correct --" + name + " in OPTIONS in " + DefaultsFile);
         }
     }
@@ -123,7 +124,7 @@ int RunDoctor(const po::variables_map& given)
     if (configured && config.testEngine)
         report.Problem("engines", "only the test engine, which finds nothing but the anti-virus "
                                   "test string",
-                       "give --clamd and/or --spamd instead of --test-engine");
+                       "give --clamd, --spamd and/or --rspamd instead of --test-engine");
 
     const std::string user = given.count("user") ? given["user"].as<std::string>() : UnitAccount;
     const passwd* found = configured ? ::getpwnam(user.c_str()) : nullptr;
@@ -142,8 +143,11 @@ int RunDoctor(const po::variables_map& given)
             trips.user = user;
             trips.spamReject = config.spamReject;
             for (const auto& engine : config.engines) {
-                const bool spamd = std::string(engine->Name()) == "spamd";
+                const std::string name = engine->Name();
+                const bool spamd = name == "spamd" || name == "rspamd";
                 trips.spamEngine = trips.spamEngine || spamd;
+                // rspamd rejects its test string at its own threshold.
+                trips.spamReject = trips.spamReject || name == "rspamd";
                 trips.virusEngine = trips.virusEngine || !spamd; // clamd or the test engine
             }
             Guard(report, "round trip", [&] { CheckFilterRoundTrips(report, trips); });

@@ -7,6 +7,7 @@
 
 #include <string>
 #include <sys/stat.h>
+#include <vector>
 
 #include "EngineSocket.h"
 
@@ -21,15 +22,25 @@ struct EngineResult {
     std::string upstream; // the pool's upstream that answered (empty: a lone engine)
 };
 
+// The entry's envelope as the filter saved it, for engines that send it on.
+struct MessageEnvelope {
+    std::string queueId;                 // the entry's name
+    std::string sender;                  // "<a@b>", "<>" for the null sender
+    std::vector<std::string> recipients; // "<c@d>" each
+};
+
 class Engine
 {
 public:
     virtual ~Engine() = default;
     // The engine's name in notes and the log ("clamd", "spamd").
     virtual const char* Name() const = 0;
+    // Whether Check needs the envelope; when false it gets an empty one.
+    virtual bool UsesEnvelope() const { return false; }
     // msg is open for reading, a regular file of status.st_size bytes; the
     // engine reads it from offset 0 and may move its offset.
-    virtual EngineResult Check(int msg, const struct stat& status, Deadline deadline) = 0;
+    virtual EngineResult Check(int msg, const struct stat& status, const MessageEnvelope& envelope,
+                               Deadline deadline) = 0;
     // Asks the engine whether it is there with its protocol's ping (for
     // --check); throws like Check when it does not answer as it should.
     virtual void Ping(Deadline deadline) = 0;

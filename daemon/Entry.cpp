@@ -15,6 +15,9 @@ namespace
 
 const char* const MsgName = ".msg";
 const char* const NewMsgName = ".msg.refd-new";
+const char* const EnvelopeName = ".envelope";
+// Far above any envelope the filter writes (thousands of recipients).
+constexpr off_t MaxEnvelopeSize = 1024 * 1024;
 
 [[noreturn]] void ThrowSystem(const std::string& what, const std::string& path)
 {
@@ -36,6 +39,57 @@ Entry::Entry(const std::string& dir)
         ThrowSystem("fstat", dir + "/" + MsgName);
     if (!S_ISREG(msgStatus.st_mode))
         throw std::logic_error(dir + "/" + MsgName + " is not a regular file");
+}
+
+MessageEnvelope Entry::ReadEnvelope() const
+{
+    const std::string path = dir + "/" + EnvelopeName;
+    Fd file(::openat(dirFd.Get(), EnvelopeName, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status;
+    if (!file.IsValid())
+        ThrowSystem("open", path);
+    if (::fstat(file.Get(), &status) != 0)
+        ThrowSystem("fstat", path);
+    if (!S_ISREG(status.st_mode) || status.st_size > MaxEnvelopeSize)
+        throw std::logic_error(path + " is not a regular file of at most 1 MiB");
+    std::string text(static_cast<std::size_t>(status.st_size), '\0');
+    std::size_t got = 0;
+    while (got < text.size()) {
+        const ssize_t count = ::read(file.Get(), &text[got], text.size() - got);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            ThrowSystem("read", path);
+        if (count == 0)
+            throw std::logic_error(path + " shrank while it was read");
+        got += static_cast<std::size_t>(count);
+    }
+    MessageEnvelope envelope;
+    envelope.queueId = dir.substr(dir.find_last_of('/', dir.size() - 2) + 1);
+    if (!envelope.queueId.empty() && envelope.queueId.back() == '/')
+        envelope.queueId.pop_back();
+    bool sawSender = false;
+    for (std::size_t start = 0; start < text.size();) {
+        const std::size_t end = text.find('\n', start);
+        if (end == std::string::npos)
+            throw std::logic_error(path + " ends inside a line");
+        const std::string line = text.substr(start, end - start);
+        start = end + 1;
+        for (char c : line)
+            if ((c >= 0 && c < 0x20) || c == 0x7f)
+                throw std::logic_error(path + " has a control byte in an address");
+        if (line.compare(0, 5, "from ") == 0 && !sawSender) {
+            envelope.sender = line.substr(5);
+            sawSender = true;
+        } else if (line.compare(0, 3, "to ") == 0) {
+            envelope.recipients.push_back(line.substr(3));
+        } else {
+            throw std::logic_error(path + " has a line that is not 'from' or 'to'");
+        }
+    }
+    if (!sawSender)
+        throw std::logic_error(path + " names no sender");
+    return envelope;
 }
 
 void Entry::PrependHeaders(const std::string& lines)

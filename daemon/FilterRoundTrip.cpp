@@ -138,7 +138,7 @@ void CheckFilterRoundTrips(CheckReport& report, const RoundTripSettings& setting
                            fix);
     }
     if (!settings.spamEngine) {
-        report.Skipped("spam round trip", "no --spamd configured");
+        report.Skipped("spam round trip", "no --spamd or --rspamd configured");
         return;
     }
     int status = -1;

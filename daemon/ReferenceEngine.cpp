@@ -21,7 +21,8 @@ constexpr std::size_t BlockSize = 64 * 1024;
 
 } // namespace
 
-EngineResult ReferenceEngine::Check(int msg, const struct stat& /*status*/, Deadline /*deadline*/)
+EngineResult ReferenceEngine::Check(int msg, const struct stat& /*status*/,
+                                    const MessageEnvelope& /*envelope*/, Deadline /*deadline*/)
 {
     EngineResult result;
     result.summary = "reference clean";

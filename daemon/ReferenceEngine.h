@@ -9,6 +9,7 @@ class ReferenceEngine final : public Engine
 {
 public:
     const char* Name() const override { return "reference"; }
-    EngineResult Check(int msg, const struct stat& status, Deadline deadline) override;
+    EngineResult Check(int msg, const struct stat& status, const MessageEnvelope& /*envelope*/,
+                       Deadline deadline) override;
     void Ping(Deadline /*deadline*/) override {} // it is part of the daemon
 };

@@ -79,7 +79,8 @@ private:
 
 } // namespace
 
-EngineResult SpamdEngine::Check(int msg, const struct stat& status, Deadline deadline)
+EngineResult SpamdEngine::Check(int msg, const struct stat& status,
+                                const MessageEnvelope& /*envelope*/, Deadline deadline)
 {
     EngineResult result;
     const std::size_t size = static_cast<std::size_t>(status.st_size);

@@ -100,7 +100,8 @@ void UpstreamPool::MarkUp(std::size_t at)
     Say(LOG_INFO, line);
 }
 
-EngineResult UpstreamPool::Check(int msg, const struct stat& status, Deadline deadline)
+EngineResult UpstreamPool::Check(int msg, const struct stat& status,
+                                 const MessageEnvelope& envelope, Deadline deadline)
 {
     std::vector<bool> tried(upstreams.size(), false);
     std::string causes;
@@ -117,7 +118,7 @@ EngineResult UpstreamPool::Check(int msg, const struct stat& status, Deadline de
         const Deadline tryDeadline = now + (deadline - now) / static_cast<int>(share);
         EngineResult result;
         try {
-            result = upstreams[at].engine->Check(msg, status, tryDeadline);
+            result = upstreams[at].engine->Check(msg, status, envelope, tryDeadline);
         } catch (const std::exception& failure) {
             const auto end = Clock::now();
             RecordTry(series[at], end >= tryDeadline ? TryResult::Timeout : TryResult::Error,

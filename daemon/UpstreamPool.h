@@ -39,7 +39,9 @@ public:
     UpstreamPool(std::vector<Upstream> upstreams, std::chrono::seconds revive);
 
     const char* Name() const override { return upstreams.front().engine->Name(); }
-    EngineResult Check(int msg, const struct stat& status, Deadline deadline) override;
+    bool UsesEnvelope() const override { return upstreams.front().engine->UsesEnvelope(); }
+    EngineResult Check(int msg, const struct stat& status, const MessageEnvelope& envelope,
+                       Deadline deadline) override;
     // Pings every upstream and marks each by its answer; throws when none
     // answered.
     void Ping(Deadline deadline) override;

@@ -19,15 +19,15 @@ namespace
 
 const char* const Synopsis =
     "usage: quelt-refd [--basedir DIR] --clamd PATH|HOST:PORT [--spamd PATH|HOST:PORT]\n"
-    "                  [--spam-reject SCORE] [--user NAME] [options]\n"
+    "                  [--rspamd PATH|HOST:PORT] [--spam-reject SCORE] [--user NAME] [options]\n"
     "       quelt-refd --check [options]\n"
     "\n"
     "The checking daemon of vorex-zmailer. Listens on DIR/quelt.sock; for each line\n"
-    "\"CHECK <entry dir>\" it checks <entry dir>/.msg with ClamAV's clamd and\n"
-    "SpamAssassin's spamd and answers one line: the verdict flags in decimal and a\n"
-    "note (1 clean, 513 clean with X-Spam-* lines put on top of .msg, 2 reject,\n"
-    "4 tempfail, 32 engine trouble). It needs at least one engine. --check tests\n"
-    "the daemon's set-up, its engines and ZMailer's. See quelt-refd(8).\n";
+    "\"CHECK <entry dir>\" it checks <entry dir>/.msg with ClamAV's clamd,\n"
+    "SpamAssassin's spamd and/or rspamd and answers one line: the verdict flags in\n"
+    "decimal and a note (1 clean, 513 clean with X-Spam-* lines put on top of\n"
+    ".msg, 2 reject, 4 tempfail, 32 engine trouble). It needs at least one engine.\n"
+    "--check tests the daemon's set-up, its engines and ZMailer's. See quelt-refd(8).\n";
 
 int BadUsage(const std::string& text)
 {

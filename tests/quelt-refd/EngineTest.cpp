@@ -1,6 +1,7 @@
 // tests/quelt-refd/EngineTest.cpp: the real filter in front of quelt-refd
 // with real engines: verdicts, notes and the spool files' bytes after each
-// run, and an engine that dies between two messages.
+// run, an engine that dies between two messages, and a DKIM signature that
+// holds after the spam engines' lines went on top.
 #include <regex>
 #include <sstream>
 
@@ -20,6 +21,7 @@ namespace fs = boost::filesystem;
 struct SharedEngines {
     Clamd clamd;
     Spamd spamd;
+    Rspamd rspamd{RSPAMD_CONF};
 };
 SharedEngines& Shared()
 {
@@ -32,6 +34,14 @@ const std::string Virus = RejectLine + " infected: eicar.com.UNOFFICIAL\n";
 
 const std::string Clean = ReadFile(EXAMPLE_SPOOL "/01-clean.spool");
 const std::string Infected = ReadFile(EXAMPLE_SPOOL "/05-eicar-attachment.spool");
+
+// The engines' fields with their folded lines, values (hosts, times, rules
+// that hit, the entry's name) masked.
+std::string Masked(const std::string& bytes)
+{
+    static const std::regex field("(^|\n)(X-(?:Spam|Spamd|Rspamd)-[^:\n]*):[^\n]*(\n[ \t][^\n]*)*");
+    return std::regex_replace(bytes, field, "$1$2: *");
+}
 
 class Engines : public ::testing::Test, protected FilterSandbox
 {
@@ -69,11 +79,8 @@ TEST_F(Engines, VerdictsAndSpoolBytes)
     // The spam score varies with the rules that hit besides GTUBE.
     EXPECT_EQ(std::regex_replace(run.out, std::regex("score [-0-9.]+/20\n"), "score *\n"), replies);
     EXPECT_EQ(run.status, 0) << run.err;
-    const std::regex spamField("(^|\n)(X-Spam-[^:\n]*):[^\n]*(\n[ \t][^\n]*)*");
     for (const auto& row : rows)
-        EXPECT_EQ(std::regex_replace(ReadFile(root + "/" + row.name), spamField, "$1$2: *"),
-                  row.after)
-            << row.name;
+        EXPECT_EQ(Masked(ReadFile(root + "/" + row.name)), row.after) << row.name;
 }
 
 // Over TCP the message streams (zINSTREAM); past clamd's StreamMaxLength
@@ -171,6 +178,11 @@ TEST_F(Engines, FarmMemberHungOrStoppedIsReplacedByAnother)
          {{Clean, clean}, {Clean, clean}, {Clean, clean}},
          "spamd " + stopped + " down: ",
          "via " + Shared().spamd.socket},
+        {"stoppedRspamd",
+         {"--rspamd", stopped, "--rspamd", Shared().rspamd.socket},
+         {{Clean, clean}, {Clean, clean}, {Clean, clean}},
+         "rspamd " + stopped + " down: ",
+         "via " + Shared().rspamd.socket},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -247,6 +259,65 @@ TEST_F(Engines, MetricsCountWhatWasSent)
     EXPECT_EQ(lines, infected + infected + clean + clean + clean) << log;
 }
 
+// rspamd behind spamd (which only tags): rspamd's actions as verdicts,
+// its own fields on top and never its Authentication-Results. A message
+// signed with simple canonicalisation (any changed byte breaks it) still
+// verifies after both engines put their lines on top. rspamd stopped: the
+// error action.
+TEST_F(Engines, RspamdActionsAndDkimSignature)
+{
+    TempDir keys;
+    const auto dkim = [&](const char* mode, const std::string& bytes) {
+        return RunProgram({DKIM_TOOL, mode, keys.Path().string()}, bytes).out;
+    };
+    const std::size_t envEnd = Clean.find("env-end\n") + 8;
+    const auto asking = [&](const std::string& action) {
+        return std::regex_replace(Clean, std::regex("\nSubject: [^\n]*"),
+                                  "\nSubject: rspamd-action: " + action);
+    };
+    const auto on = [&](const std::string& spool, const std::string& lines) {
+        return spool.substr(0, envEnd) + lines + spool.substr(envEnd);
+    };
+    const std::string gtube = Clean.substr(0, Clean.find("\n\n") + 2) + Gtube + "\n";
+    const std::string signedSpool =
+        Clean.substr(0, envEnd) + dkim("sign", asking("add header").substr(envEnd));
+    const std::string fields = "X-Spam-Checker-Version: *\nX-Spam-Level: *\nX-Spam-Status: *\n",
+                      milter = "X-Rspamd-Queue-Id: *\nX-Spamd-Result: *\n";
+    const struct {
+        const char* name;
+        std::string spool, reply, after;
+    } rows[] = {
+        {"clean", Clean, PassLine + " clean\n", on(Clean, fields + milter)},
+        {"gtube", gtube, RejectLine + " spam: rspamd score 15.00/15.00\n", gtube},
+        {"softReject", asking("soft reject"),
+         TempfailLine + " spam: rspamd score 0.00/15.00, soft reject\n", asking("soft reject")},
+        {"greylist", asking("greylist"),
+         TempfailLine + " spam: rspamd score 0.00/15.00, greylist\n", asking("greylist")},
+        {"signedTagged", signedSpool, PassLine + " spam: rspamd score 0.00/15.00, tagged\n",
+         on(signedSpool, fields + "X-Rspamd-Pre-Result: *\n" + milter)},
+    };
+    std::string jobs, replies;
+    for (const auto& row : rows) {
+        jobs += Spool(row.name, row.spool) + "\n";
+        replies += row.reply;
+    }
+    {
+        RefDaemon daemon(basedir,
+                         {"--spamd", Shared().spamd.socket, "--rspamd", Shared().rspamd.socket});
+        EXPECT_EQ(RunProgram(Args({"--interface", "0"}), jobs).out, replies);
+    }
+    for (const auto& row : rows)
+        EXPECT_EQ(Masked(ReadFile(root + "/" + row.name)), row.after) << row.name;
+    EXPECT_EQ(dkim("verify", ReadFile(root + "/signedTagged").substr(envEnd)), "verified\n");
+
+    RefDaemon stopped(basedir, {"--rspamd", basedir + "nothing.sock"});
+    EXPECT_EQ(RunProgram(Args({"--interface", "0", "--error-action", "tempfail"}),
+                         Spool("down", Clean) + "\n")
+                  .out,
+              TempfailLine + " Internal error\n");
+    EXPECT_EQ(ReadFile(root + "/down"), Clean);
+}
+
 // --check on a set-up of its own (a daemon as an account with both
 // engines, a ZMailer configuration, a stand-in for the smtpserver wrapper's
 // --check): all well, then one fault per row, each named in a PROBLEM line.
@@ -256,8 +327,8 @@ TEST_F(Engines, CheckNamesEachFaultOfTheSetUp)
     fs::create_directories(msgs);
     for (const auto& [path, mode] : {std::pair(basedir, 0750), std::pair(msgs, 01770)})
         ASSERT_TRUE(::chown(path.c_str(), 0, 65534) == 0 && ::chmod(path.c_str(), mode) == 0);
-    const std::vector<std::string> engines = {"--clamd", Shared().clamd.socket, "--spamd",
-                                              Shared().spamd.socket, "--spam-reject", "20"};
+    const std::vector<std::string> engines = {
+        "--clamd", Shared().clamd.socket, "--spamd", Shared().spamd.socket, "--spam-reject", "20"};
     std::vector<std::string> asAccount = engines;
     asAccount.insert(asAccount.end(), {"--user", "nobody"});
     RefDaemon daemon(basedir, asAccount);
@@ -273,13 +344,24 @@ TEST_F(Engines, CheckNamesEachFaultOfTheSetUp)
         std::string wrapper, contentFilter, policy, problem;
     } rows[] = {
         {"goodSetUp", engines, good, "$MAILSHARE/wrapper", policy, ""},
-        {"wrongClamdPath", {"--clamd", zmailer / "clamd.sock"}, good, "$MAILSHARE/wrapper", policy,
+        {"wrongClamdPath",
+         {"--clamd", zmailer / "clamd.sock"},
+         good,
+         "$MAILSHARE/wrapper",
+         policy,
          "PROBLEM clamd at " + zmailer / "clamd.sock: connect"},
-        {"stoppedSpamd", {"--spamd", stale, "--spam-reject", "20"}, good, "$MAILSHARE/wrapper", policy,
+        {"stoppedSpamd",
+         {"--spamd", stale, "--spam-reject", "20"},
+         good,
+         "$MAILSHARE/wrapper",
+         policy,
          "PROBLEM spamd at " + stale + ": connect"},
         {"farmWithAStoppedMember",
-         {"--clamd", Shared().clamd.socket, "--clamd", zmailer / "clamd.sock"}, good,
-         "$MAILSHARE/wrapper", policy, "PROBLEM clamd at " + zmailer / "clamd.sock: connect"},
+         {"--clamd", Shared().clamd.socket, "--clamd", zmailer / "clamd.sock"},
+         good,
+         "$MAILSHARE/wrapper",
+         policy,
+         "PROBLEM clamd at " + zmailer / "clamd.sock: connect"},
         {"wrapperWithBadOption", engines,
          "#!/bin/sh\necho 'PROBLEM --error-action tmpfail: not an action (fix: ...)'\nexit 1\n",
          "$MAILSHARE/wrapper", policy, "\nPROBLEM --error-action tmpfail: "},
@@ -289,8 +371,12 @@ TEST_F(Engines, CheckNamesEachFaultOfTheSetUp)
         {"policyWithoutFiltering", engines, good, "$MAILSHARE/wrapper",
          "[0.0.0.0]/0 = _full_rights\n_full_rights rejectnet -\n",
          "PROBLEM " + zmailer / "db/smtp-policy.src: [0.0.0.0]/0: no 'filtering +'"},
-        {"unitWithoutEngine", {"--defaults-file", zmailer / "default"}, good, "$MAILSHARE/wrapper",
-         policy, "PROBLEM options from " + zmailer / "default: no engine: "},
+        {"unitWithoutEngine",
+         {"--defaults-file", zmailer / "default"},
+         good,
+         "$MAILSHARE/wrapper",
+         policy,
+         "PROBLEM options from " + zmailer / "default: no engine: "},
     };
     fs::create_directories(zmailer / "db");
     WriteFile(zmailer / "zmailer.conf", "# ZMailer\nMAILSHARE=" + zmailer.Path().string() +
@@ -300,10 +386,12 @@ TEST_F(Engines, CheckNamesEachFaultOfTheSetUp)
         SCOPED_TRACE(row.name);
         WriteFile(wrapper, row.wrapper);
         fs::permissions(wrapper, fs::perms(0755));
-        WriteFile(zmailer / "smtpserver.conf", "#\nPARAM contentfilter " + row.contentFilter + "\n");
+        WriteFile(zmailer / "smtpserver.conf",
+                  "#\nPARAM contentfilter " + row.contentFilter + "\n");
         WriteFile(zmailer / "db/smtp-policy.src", row.policy);
-        std::vector<std::string> check = {QUELT_REFD,   "--check",  "--user", "nobody", "--filter",
-                                          VOREX_ZMAILER, "--zmailer-conf", zmailer / "zmailer.conf"};
+        std::vector<std::string> check = {
+            QUELT_REFD, "--check",     "--user",         "nobody",
+            "--filter", VOREX_ZMAILER, "--zmailer-conf", zmailer / "zmailer.conf"};
         check.insert(check.end(), row.args.begin(), row.args.end());
         if (row.args[0] != "--defaults-file")
             check.insert(check.end(), {"--basedir", basedir});
@@ -312,7 +400,9 @@ TEST_F(Engines, CheckNamesEachFaultOfTheSetUp)
         if (row.problem.empty()) {
             EXPECT_EQ(status, 0);
             EXPECT_FALSE(std::regex_search(out, std::regex("(^|\n)[^o]"))) << out;
-            EXPECT_NE(out.find("ok spam round trip: '" + RejectLine + " spam: score "), std::string::npos) << out;
+            EXPECT_NE(out.find("ok spam round trip: '" + RejectLine + " spam: score "),
+                      std::string::npos)
+                << out;
         } else {
             EXPECT_EQ(status, 1);
             EXPECT_NE(out.find(row.problem), std::string::npos) << out;
@@ -322,4 +412,3 @@ TEST_F(Engines, CheckNamesEachFaultOfTheSetUp)
 }
 
 } // namespace
-

@@ -1,12 +1,14 @@
-// tests/quelt-refd/Engines.h: private ClamAV and SpamAssassin daemons on
-// sockets in a fresh directory: clamd with a signature database written
-// here (the anti-virus test file's MD5), spamd with Debian's shipped rules,
-// offline. Ready when the constructor returns (it connects until each
-// socket answers); killed at the end.
+// tests/quelt-refd/Engines.h: private ClamAV, SpamAssassin and rspamd
+// daemons on sockets in a fresh directory: clamd with a signature database
+// written here (the anti-virus test file's MD5), spamd and rspamd with
+// Debian's shipped rules, offline. Ready when the constructor returns (it
+// connects until each socket answers); killed at the end.
 #pragma once
 
 #include <poll.h>
+#include <signal.h>
 
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 
@@ -86,8 +88,8 @@ public:
                                              dir.Path() / "site" / file.path().filename());
         WriteFile(dir / "site/local.cf", "dns_available no\n");
         process = std::make_unique<ChildProcess>(std::vector<std::string>{
-            "/usr/sbin/spamd", "--socketpath=" + socket, "--socketmode=0666", "-u", "nobody", "--local",
-            "--siteconfigpath=" + (dir / "site"), "--syslog=" + (dir / "spamd.log")});
+            "/usr/sbin/spamd", "--socketpath=" + socket, "--socketmode=0666", "-u", "nobody",
+            "--local", "--siteconfigpath=" + (dir / "site"), "--syslog=" + (dir / "spamd.log")});
         AwaitSocket(socket);
     }
 
@@ -96,4 +98,40 @@ public:
 
 private:
     std::unique_ptr<ChildProcess> process;
+};
+
+// rspamd's normal worker on a Unix socket, configured by tests/quelt-refd/
+// rspamd-conf (see there). Ready when /ping answers: start-up reads every rule, up to a minute
+// on a loaded machine, while the socket already takes connections.
+class Rspamd
+{
+public:
+    // conf: the directory of rspamd.conf, its local configuration too.
+    explicit Rspamd(const std::string& conf)
+        // -i: a test run as root keeps rspamd's workers as root.
+        : process({"/usr/bin/rspamd", "-f", "-i", "-c", conf + "/rspamd.conf", "--var",
+                   "LOCAL_CONFDIR=" + conf, "--var", "DBDIR=" + dir.Path().string(), "--var",
+                   "RUNDIR=" + dir.Path().string()})
+    {
+        const std::string ping = "GET /ping HTTP/1.1\r\n\r\n";
+        char answer[256] = "";
+        for (int waited = 0; std::strstr(answer, "pong") == nullptr; waited += 100) {
+            if (waited > 120 * 1000)
+                throw std::runtime_error("rspamd at " + socket + " never answered /ping");
+            (void)::poll(nullptr, 0, 100);
+            const int fd = ConnectTo(socket);
+            pollfd ready = {fd, POLLIN, 0};
+            if (fd >= 0 && ::write(fd, ping.data(), ping.size()) > 0 && ::poll(&ready, 1, 1000) > 0)
+                answer[std::max<ssize_t>(0, ::read(fd, answer, sizeof answer - 1))] = '\0';
+            (void)::close(fd); // -1 when nothing listens yet
+        }
+    }
+    // Its workers end with it; after SIGKILL they would go on answering.
+    ~Rspamd() { process.Signal(SIGTERM), (void)process.Wait(); }
+
+    TempDir dir;
+    const std::string socket = dir / "rspamd.sock";
+
+private:
+    ChildProcess process;
 };

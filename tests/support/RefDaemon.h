@@ -26,7 +26,7 @@ public:
         const auto named = [&](const char* option) {
             return std::find(extraArgs.begin(), extraArgs.end(), option) != extraArgs.end();
         };
-        if (!named("--clamd") && !named("--spamd"))
+        if (!named("--clamd") && !named("--spamd") && !named("--rspamd"))
             argv.push_back("--test-engine");
         process = std::make_unique<ChildProcess>(argv);
         // All of it when the daemon ends without listening.
