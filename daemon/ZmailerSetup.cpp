@@ -1,17 +1,11 @@
 // daemon/ZmailerSetup.cpp: the three files are read the way
-// ZMailer reads them. zmailer.conf: NAME=value lines. smtpserver.conf: a
-// line starting (in its first column) with PARAM, the parameter name in any
-// case, "$NAME" and "${NAME}" taken from zmailer.conf; an entry naming a
-// program that is not executable is ignored, the last good one counts. The
-// policy source: "key attribute value ... [= _alias]" lines, '#' starts a
+// ZMailer reads them (zmailer.conf and smtpserver.conf through
+// shared/zmailer/); an entry naming a program that is not executable is
+// ignored, the last good one counts. The policy source: "key attribute value ... [= _alias]" lines, '#' starts a
 // comment, a key's lines add up, and an attribute a key lacks is looked up
 // along its aliases.
 #include "ZmailerSetup.h"
 
-#include <algorithm>
-#include <cctype>
-#include <cstdlib>
-#include <fstream>
 #include <map>
 #include <sstream>
 #include <unistd.h>
@@ -19,6 +13,7 @@
 
 #include "BoundedRun.h"
 #include "CheckReport.h"
+#include "shared/zmailer/ZmailerConfig.h"
 
 namespace
 {
@@ -27,60 +22,6 @@ namespace
 constexpr int WrapperLimitSeconds = 120;
 constexpr int MaxAliasDepth = 16;
 const char* const PolicyKeys[] = {"[0.0.0.0]/0", "_full_rights"};
-
-using Variables = std::map<std::string, std::string>;
-
-bool ReadLines(const std::string& path, std::vector<std::string>& lines)
-{
-    std::ifstream in(path);
-    if (!in)
-        return false;
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return !in.bad();
-}
-
-Variables ReadZmailerConf(const std::vector<std::string>& lines)
-{
-    Variables variables;
-    for (const std::string& line : lines) {
-        const std::size_t equals = line.find('=');
-        if (line.empty() || line[0] == '#' || equals == std::string::npos)
-            continue;
-        std::string value = line.substr(equals + 1);
-        if (value.size() >= 2 && (value[0] == '"' || value[0] == '\'') && value.back() == value[0])
-            value = value.substr(1, value.size() - 2);
-        variables[line.substr(0, equals)] = value;
-    }
-    return variables;
-}
-
-// "$NAME", "${NAME}", "$(NAME)" replaced by their values; unknown ones stay.
-std::string Expand(const std::string& text, const Variables& variables)
-{
-    std::string out;
-    for (std::size_t at = 0; at < text.size();) {
-        if (text[at] != '$') {
-            out += text[at++];
-            continue;
-        }
-        std::size_t start = at + 1, end = start;
-        const bool braced = start < text.size() && (text[start] == '{' || text[start] == '(');
-        if (braced) {
-            const char close = text[start] == '{' ? '}' : ')';
-            end = text.find(close, ++start);
-            end = end == std::string::npos ? text.size() : end;
-        } else {
-            while (end < text.size() && (std::isalnum(static_cast<unsigned char>(text[end])) || text[end] == '_'))
-                ++end;
-        }
-        const auto found = variables.find(text.substr(start, end - start));
-        const std::size_t next = braced ? std::min(end + 1, text.size()) : end;
-        out += found != variables.end() ? found->second : text.substr(at, next - at);
-        at = next;
-    }
-    return out;
-}
 
 std::vector<std::string> Words(const std::string& line)
 {
@@ -91,42 +32,27 @@ std::vector<std::string> Words(const std::string& line)
     return words;
 }
 
-bool SameWord(const std::string& a, const std::string& b)
-{
-    return a.size() == b.size() &&
-           std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-               return std::tolower(static_cast<unsigned char>(x)) ==
-                      std::tolower(static_cast<unsigned char>(y));
-           });
-}
-
 // The content filter smtpserver runs, empty for none; each entry it
 // ignores is a problem.
 std::string CheckContentFilter(CheckReport& report, const std::string& conf,
-                               const Variables& variables)
+                               const ZmailerVariables& variables)
 {
     std::vector<std::string> lines;
-    if (!ReadLines(conf, lines)) {
+    if (!ReadConfigLines(conf, lines)) {
         report.Problem("smtpserver.conf", "can not read " + conf,
                        "ZMailer's content filter runs only from $MAILSHARE/smtpserver.conf");
         return "";
     }
     std::string program;
     bool ignored = false;
-    for (std::size_t number = 1; number <= lines.size(); ++number) {
-        const std::string& line = lines[number - 1];
-        if (line.compare(0, 5, "PARAM") != 0)
-            continue;
-        const std::vector<std::string> words = Words(Expand(line, variables));
-        if (words.size() < 3 || !SameWord(words[1], "contentfilter"))
-            continue;
-        if (::access(words[2].c_str(), X_OK) == 0) {
-            program = words[2];
+    for (const ContentFilterEntry& entry : ContentFilterEntries(lines, variables)) {
+        if (::access(entry.program.c_str(), X_OK) == 0) {
+            program = entry.program;
             continue;
         }
         ignored = true;
-        report.Problem(conf + " line " + std::to_string(number),
-                       "contentfilter " + words[2] +
+        report.Problem(conf + " line " + std::to_string(entry.line),
+                       "contentfilter " + entry.program +
                            " is missing or not executable: smtpserver ignores it",
                        "install vorex-zmailer again, or remove the line and restart smtpserver");
     }
@@ -188,7 +114,7 @@ std::string PolicyValue(const std::map<std::string, std::vector<std::string>>& e
 void CheckPolicy(CheckReport& report, const std::string& source)
 {
     std::vector<std::string> lines;
-    if (!ReadLines(source, lines)) {
+    if (!ReadConfigLines(source, lines)) {
         report.Problem("policy", "can not read " + source,
                        "give [0.0.0.0]/0 and _full_rights 'filtering +' in ZMailer's policy "
                        "source, then run policy-builder.sh");
@@ -221,20 +147,16 @@ void CheckPolicy(CheckReport& report, const std::string& source)
 
 void CheckZmailerSetup(CheckReport& report, const std::string& zmailerConf)
 {
-    const char* fromEnvironment = std::getenv("ZCONFIG");
-    const std::string conf = !zmailerConf.empty() ? zmailerConf
-                             : fromEnvironment != nullptr && *fromEnvironment != '\0'
-                                 ? fromEnvironment
-                                 : "/etc/zmailer.conf";
+    const std::string conf = ZmailerConfPath(zmailerConf);
     std::vector<std::string> lines;
-    if (!ReadLines(conf, lines)) {
+    if (!ReadConfigLines(conf, lines)) {
         if (zmailerConf.empty())
             report.Skipped("ZMailer", "no " + conf + ": no ZMailer installation to check");
         else
             report.Problem("ZMailer", "can not read " + conf, "give the path of zmailer.conf");
         return;
     }
-    const Variables variables = ReadZmailerConf(lines);
+    const ZmailerVariables variables = ParseZmailerConf(lines);
     const auto share = variables.find("MAILSHARE");
     const auto var = variables.find("MAILVAR");
     if (share == variables.end() || var == variables.end()) {
