@@ -14,7 +14,7 @@ std::string ZmailerConfPath(const std::string& given)
     if (!given.empty())
         return given;
     return fromEnvironment != nullptr && *fromEnvironment != '\0' ? fromEnvironment
-                                                                   : "/etc/zmailer.conf";
+                                                                  : "/etc/zmailer.conf";
 }
 
 bool ReadConfigLines(const std::string& path, std::vector<std::string>& lines)
@@ -80,9 +80,8 @@ std::vector<ContentFilterEntry> ContentFilterEntries(const std::vector<std::stri
         std::istringstream words(ExpandZmailerVariables(line, variables));
         std::string param, name, program;
         words >> param >> name >> program;
-        std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) {
-            return static_cast<char>(std::tolower(c));
-        });
+        std::transform(name.begin(), name.end(), name.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
         if (name == "contentfilter" && !program.empty())
             entries.push_back({number, program});
     }
