@@ -310,6 +310,18 @@ TEST_F(Engines, RspamdActionsAndDkimSignature)
         EXPECT_EQ(Masked(ReadFile(root + "/" + row.name)), row.after) << row.name;
     EXPECT_EQ(dkim("verify", ReadFile(root + "/signedTagged").substr(envEnd)), "verified\n");
 
+    {
+        // A pool of a stopped rspamd and the live one: the round robin sends
+        // one of the first two messages to the stopped one first, and every
+        // message is still answered.
+        RefDaemon pool(basedir,
+                       {"--rspamd", basedir + "nothing.sock", "--rspamd", Shared().rspamd.socket});
+        EXPECT_EQ(RunProgram(Args({"--interface", "0"}),
+                             Spool("p1", Clean) + "\n" + Spool("p2", Clean) + "\n" +
+                                 Spool("p3", Clean) + "\n")
+                      .out,
+                  PassLine + " clean\n" + PassLine + " clean\n" + PassLine + " clean\n");
+    }
     RefDaemon stopped(basedir, {"--rspamd", basedir + "nothing.sock"});
     EXPECT_EQ(RunProgram(Args({"--interface", "0", "--error-action", "tempfail"}),
                          Spool("down", Clean) + "\n")
