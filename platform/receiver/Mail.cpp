@@ -70,14 +70,5 @@ void Mail::AddRushechkiToAddress(std::string& text)
 
 void Mail::SetToField(const std::vector<std::string>& items)
 {
-    // The items were split at every comma, also inside quoted strings and
-    // comments; joined again, the normaliser splits only where a list does.
-    // The blanks trimmed next to such a comma are not restored.
-    std::string list;
-    for (std::size_t i = 0; i < items.size(); ++i) {
-        if (i > 0)
-            list += ',';
-        list += items[i];
-    }
-    recipients = RfUtils::MakeAddressList(list);
+    recipients = RfUtils::MakeAddressItems(items);
 }

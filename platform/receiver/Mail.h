@@ -31,8 +31,8 @@ class Mail : public MailBase<std::string>
 public:
     // Turns a From header value (trimmed) into the address form.
     static void AddRushechkiToAddress(std::string& text);
-    // Makes recipients the addresses named by the To items; empty items are
-    // skipped.
+    // Makes recipients the addresses named by the To items, one per
+    // recipient; items that name none are skipped.
     void SetToField(const std::vector<std::string>& items);
 };
 

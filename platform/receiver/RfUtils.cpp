@@ -3,7 +3,8 @@
 // Mail::SetToField. The normaliser reads an address as a mail administrator
 // writes it: display names, comments and group names go, the address between
 // angle brackets wins, quoted local parts and domain literals stay as they
-// are. It compares bytes with ASCII punctuation only, so any byte is safe.
+// are, and every result names one address. It compares bytes with ASCII
+// punctuation only, so any byte is safe.
 #include "platform/receiver/RfUtils.h"
 
 #include <cstring>
@@ -78,6 +79,9 @@ public:
         }
     }
 
+    // True inside a quoted string, domain literal or comment.
+    bool IsOpen() const { return inQuote || inLiteral || commentDepth > 0; }
+
 private:
     bool inQuote = false;
     bool inLiteral = false;
@@ -85,7 +89,8 @@ private:
     long commentDepth = 0;
 };
 
-// Splits at plain commas outside angle brackets.
+// Splits at plain commas and semicolons outside angle brackets: people type
+// either between addresses, and a group's closing ';' ends a part too.
 std::vector<std::string> SplitList(const std::string& list)
 {
     std::vector<std::string> parts;
@@ -98,7 +103,7 @@ std::vector<std::string> SplitList(const std::string& list)
                 inAngle = true;
             } else if (c == '>') {
                 inAngle = false;
-            } else if (c == ',' && !inAngle) {
+            } else if ((c == ',' || c == ';') && !inAngle) {
                 parts.push_back(part);
                 part.clear();
                 continue;
@@ -110,52 +115,144 @@ std::vector<std::string> SplitList(const std::string& list)
     return parts;
 }
 
-// The bare address of one list part, or "" when it names none. The first
-// plain '<' starts the address and the next plain '>' ends it (an unclosed
-// one runs to the end); without one the whole part is the address. Comments
-// are dropped, then a source route or group name up to the first plain ':',
-// then a group's ';'.
-std::string BareAddress(const std::string& part)
+// The part with each comment byte made a blank (a comment separates words
+// as white space does). False when a quoted string, domain literal or
+// comment never closes: where the address would end is then unknown, and a
+// guess could merge or invent addresses, so such a part names none.
+bool WithoutComments(const std::string& part, std::string& text)
 {
-    std::size_t open = std::string::npos;
-    {
-        AddressLexer lexer;
-        for (std::size_t i = 0; i < part.size(); ++i) {
-            if (lexer.Next(part[i]) == Place::Plain && part[i] == '<') {
-                open = i;
+    AddressLexer lexer;
+    text.clear();
+    for (char c : part)
+        text += lexer.Next(c) == Place::Comment ? ' ' : c;
+    return !lexer.IsOpen();
+}
+
+// Where each byte of text stands; text holds no comment.
+std::vector<bool> PlainBytes(const std::string& text)
+{
+    std::vector<bool> plain(text.size());
+    AddressLexer lexer;
+    for (std::size_t i = 0; i < text.size(); ++i)
+        plain[i] = lexer.Next(text[i]) == Place::Plain;
+    return plain;
+}
+
+// The text between the first plain '<' and the next plain '>' (an unclosed
+// one runs to the end); the whole text when it has no plain '<'.
+std::string AngleText(const std::string& text)
+{
+    const std::vector<bool> plain = PlainBytes(text);
+    std::size_t open = 0;
+    while (open < text.size() && !(plain[open] && text[open] == '<'))
+        ++open;
+    if (open == text.size())
+        return text;
+    std::size_t close = open + 1;
+    while (close < text.size() && !(plain[close] && text[close] == '>'))
+        ++close;
+    return text.substr(open + 1, close - open - 1);
+}
+
+// Drops a source route ("@a.example,@b.example:") and the blanks next to a
+// plain '@', so that "jane @ x" is one word.
+std::string WithoutRouteAndAtBlanks(const std::string& text)
+{
+    std::string rest = Trimmed(text);
+    std::vector<bool> plain = PlainBytes(rest);
+    if (!rest.empty() && rest[0] == '@') {
+        for (std::size_t i = 0; i < rest.size(); ++i) {
+            if (plain[i] && rest[i] == ':') {
+                rest.erase(0, i + 1);
+                plain.erase(plain.begin(), plain.begin() + static_cast<long>(i) + 1);
                 break;
             }
         }
     }
-    const bool angled = open != std::string::npos;
-
-    std::string addressText;
-    AddressLexer lexer;
-    for (std::size_t i = angled ? open + 1 : 0; i < part.size(); ++i) {
-        const Place place = lexer.Next(part[i]);
-        if (angled && place == Place::Plain && part[i] == '>')
-            break;
-        if (place != Place::Comment)
-            addressText += part[i];
-    }
-
-    AddressLexer colonLexer;
-    for (std::size_t i = 0; i < addressText.size(); ++i) {
-        if (colonLexer.Next(addressText[i]) == Place::Plain && addressText[i] == ':') {
-            addressText.erase(0, i + 1);
-            break;
-        }
-    }
-
-    std::string address;
-    AddressLexer semicolonLexer;
-    for (char c : addressText) {
-        if (semicolonLexer.Next(c) == Place::Plain && c == ';')
+    std::string joined;
+    for (std::size_t i = 0; i < rest.size(); ++i) {
+        if (plain[i] && IsBlank(rest[i])) {
+            std::size_t next = i;
+            while (next < rest.size() && plain[next] && IsBlank(rest[next]))
+                ++next;
+            const bool afterAt = !joined.empty() && joined.back() == '@' && plain[i - 1];
+            const bool beforeAt = next < rest.size() && plain[next] && rest[next] == '@';
+            if (!afterAt && !beforeAt)
+                joined += ' ';
+            i = next - 1;
             continue;
-        address += c;
+        }
+        joined += rest[i];
     }
-    return Trimmed(address);
+    return joined;
 }
+
+bool IsWordBreak(char c)
+{
+    return IsBlank(c) || c == ',' || c == ';' || c == ':' || c == '<' || c == '>';
+}
+
+// Adds the addresses of one list part in the record's address form. Words
+// break at plain blanks and punctuation; every word with one plain '@' is an
+// address, so nothing is glued to a neighbour, and a word with two, such as
+// "bob@example.netcarol@example.net", names none. A part without an '@'
+// is a local name or a group's name: what follows its last plain ':' is the
+// address, one per piece between plain ',', ';', '<' or '>'.
+void AddPartAddresses(const std::string& part, std::vector<std::string>& addresses)
+{
+    std::string text;
+    if (!WithoutComments(part, text))
+        return;
+    text = WithoutRouteAndAtBlanks(AngleText(text));
+    const std::vector<bool> plain = PlainBytes(text);
+
+    struct Word {
+        std::string text;
+        int ats = 0;
+    };
+    std::vector<Word> words(1);
+    bool anyAt = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (plain[i] && IsWordBreak(text[i])) {
+            if (!words.back().text.empty())
+                words.emplace_back();
+            continue;
+        }
+        if (plain[i] && text[i] == '@') {
+            anyAt = true;
+            ++words.back().ats;
+        }
+        words.back().text += text[i];
+    }
+    if (anyAt) {
+        for (const Word& word : words)
+            if (word.ats == 1)
+                addresses.push_back("<" + word.text + ">");
+        return;
+    }
+
+    std::size_t start = 0;
+    for (std::size_t i = 0; i < text.size(); ++i)
+        if (plain[i] && text[i] == ':')
+            start = i + 1;
+    std::string piece;
+    for (std::size_t i = start; i <= text.size(); ++i) {
+        const char c = i < text.size() ? text[i] : ',';
+        if (i == text.size() || (plain[i] && (c == ',' || c == ';' || c == '<' || c == '>'))) {
+            piece = Trimmed(piece);
+            if (!piece.empty())
+                addresses.push_back("<" + piece + ">");
+            piece.clear();
+            continue;
+        }
+        piece += c;
+    }
+}
+
+// At most this many To items are joined to close one quoted string, comment
+// or angle bracket; it bounds the work on a hostile header to a multiple of
+// its length. Real display names and comments hold a few commas.
+constexpr std::size_t MaxJoinedItems = 16;
 
 } // namespace
 
@@ -168,10 +265,39 @@ void RfUtils::MakeAddress(std::string& text)
 std::vector<std::string> RfUtils::MakeAddressList(const std::string& list)
 {
     std::vector<std::string> addresses;
-    for (const std::string& part : SplitList(list)) {
-        std::string bare = BareAddress(part);
-        if (!bare.empty())
-            addresses.push_back("<" + bare + ">");
+    for (const std::string& part : SplitList(list))
+        AddPartAddresses(part, addresses);
+    return addresses;
+}
+
+std::vector<std::string> RfUtils::MakeAddressItems(const std::vector<std::string>& items)
+{
+    // An item that opens a quoted string, comment or angle bracket takes the
+    // items after it up to the one that closes it, as in "Doe, John" <j@x>.
+    // One that is never closed stands alone: it cannot swallow the others.
+    std::vector<std::string> addresses;
+    for (std::size_t first = 0; first < items.size();) {
+        AddressLexer lexer;
+        bool inAngle = false;
+        std::size_t last = first;
+        bool closed = false;
+        for (std::size_t i = first; i < items.size() && i < first + MaxJoinedItems; ++i) {
+            for (char c : items[i] + ',') {
+                if (lexer.Next(c) == Place::Plain && (c == '<' || c == '>'))
+                    inAngle = c == '<';
+            }
+            if (!lexer.IsOpen() && !inAngle) {
+                last = i;
+                closed = true;
+                break;
+            }
+        }
+        std::string group = items[first];
+        for (std::size_t i = first + 1; closed && i <= last; ++i)
+            group += ',' + items[i];
+        for (const std::string& part : SplitList(group))
+            AddPartAddresses(part, addresses);
+        first = last + 1;
     }
     return addresses;
 }

@@ -4,7 +4,8 @@
 // an envelope line (no line feed but the last), Mail::AddRushechkiToAddress a
 // trimmed From value and Mail::SetToField the comma-split, trimmed items of
 // a To header (neither with a line feed). Traps unless every result is in
-// the record's address form: "<", the address, ">", no line end inside.
+// the record's address form ("<", the address, ">", no line end inside) and
+// names one address.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -16,6 +17,7 @@
 #include <boost/algorithm/string/split.hpp>
 #include <boost/algorithm/string/trim.hpp>
 
+#include "OneAddress.h"
 #include "platform/receiver/Mail.h"
 #include "platform/receiver/RfUtils.h"
 
@@ -48,9 +50,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         mail.SetToField(items);
     }
     for (const std::string& address : mail.recipients)
-        if (address.size() < 2 || address.front() != '<' || address.back() != '>' ||
-            address.find('\n') != std::string::npos) {
-            std::fprintf(stderr, "address: not in address form: '%s'\n", address.c_str());
+        if (!NamesOneAddress(address)) {
+            std::fprintf(stderr, "address: not one address in address form: '%s'\n",
+                         address.c_str());
             std::abort();
         }
     return 0;

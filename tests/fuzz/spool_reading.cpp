@@ -6,7 +6,8 @@
 // result left the file as the input minus exactly one line as the reader
 // read it (a chunk beginning "X-Vorex-Hash:"), a false result left it
 // unchanged, a throw carries a documented text, and every address in the
-// record is in the record's address form.
+// record is in the record's address form and names one address: each
+// recipient becomes one "to" line of the envelope file.
 #include <fcntl.h>
 
 #include <cstdint>
@@ -19,6 +20,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "OneAddress.h"
 #include "frame/FilterSettings.h"
 #include "platform/receiver/Mail.h"
 #include "spool/EnvelopeReader.h"
@@ -102,9 +104,7 @@ void ScanOnce(const std::string& input, const std::string& hash)
         return;
     mail.recipients.push_back(mail.sender); // every address in the record
     for (const std::string& address : mail.recipients)
-        Trap(address.size() < 2 || address.front() != '<' || address.back() != '>' ||
-                 address.find('\n') != std::string::npos,
-             "not in address form: " + address);
+        Trap(!NamesOneAddress(address), "not one address in address form: " + address);
 }
 
 } // namespace

@@ -2,7 +2,7 @@
 // order and case, the ends of an envelope, lines longer than the buffer); the
 // header scanner's secure-hash gate row by row with the whole file after it
 // (a hash line cut out of a body larger than the copy block too) and its log
-// lines, and its From/To fallback.
+// lines, and its From/To fallback, whose recipients never merge or vanish.
 #include <stdexcept>
 
 #include <gtest/gtest.h>
@@ -154,6 +154,22 @@ TEST(HeaderScanner, FallbackTakesFirstFromAndFirstToWithItsFolds)
         {noRecipient, "To: b@y\ngarbage\n c@z\n\n", "<a@x> to <b@y>"},
         {noRecipient, "Subject: " + std::string(9000, 'x') + "\nTo: b@y\n\n", "<a@x> to <b@y>"},
         {noRecipient, "Subject: s\n\nTo: c@z\n", "can not find rcpt(s) in envelope and msg"},
+        // A quote, comment or angle bracket never closed takes no other item
+        // with it; ';' and blanks separate too; every recipient is one address.
+        {noRecipient, "To: x\"y@x.example, bob@example.net, carol@example.net\n\n",
+         "<a@x> to <bob@example.net> <carol@example.net>"},
+        {noRecipient, "To: (note a@x.example, bob@example.net,\n carol@example.net\n\n",
+         "<a@x> to <bob@example.net> <carol@example.net>"},
+        {noRecipient, "To: <bob@example.net, carol@example.net, \"Doe, J\" <j@x>\n\n",
+         "<a@x> to <bob@example.net> <carol@example.net> <j@x>"},
+        {noRecipient, "To: bob@example.net;carol@example.net\n\n",
+         "<a@x> to <bob@example.net> <carol@example.net>"},
+        {noRecipient, "To: bob@example.net carol@example.net undisclosed-recipients:;\n\n",
+         "<a@x> to <bob@example.net> <carol@example.net>"},
+        {noRecipient, "To: bob@example.net, undisclosed-recipients:;, <carol@example.net>\n\n",
+         "<a@x> to <bob@example.net> <carol@example.net>"},
+        {noRecipient, "To: <<x>>, x>, <a@b, c@d>, jane @ example.org\n\n",
+         "<a@x> to <x> <x> <a@b> <c@d> <jane@example.org>"},
     };
     for (const auto& row : rows) {
         const std::string before = row.envelope + row.headers + "body\n";
