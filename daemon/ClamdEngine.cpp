@@ -56,20 +56,14 @@ void ClamdEngine::StreamMessage(int socket, int msg, std::size_t size, Deadline 
     std::vector<char> chunk(4 + ChunkSize);
     off_t offset = 0;
     while (static_cast<std::size_t>(offset) < size) {
-        ssize_t count = ::pread(msg, chunk.data() + 4, ChunkSize, offset);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0) {
-            int error = errno;
-            throw std::domain_error(std::string("read error:") + std::strerror(error));
-        }
+        const std::size_t count = ReadMessageAt(msg, chunk.data() + 4, ChunkSize, offset);
         if (count == 0)
             throw std::logic_error("the message shrank while it was sent");
-        offset += count;
+        offset += static_cast<off_t>(count);
         uint32_t length = htonl(static_cast<uint32_t>(count));
         std::memcpy(chunk.data(), &length, 4);
         // clamd closes early past its StreamMaxLength; its answer says why.
-        if (!SendAll(socket, chunk.data(), 4 + static_cast<std::size_t>(count), deadline))
+        if (!SendAll(socket, chunk.data(), 4 + count, deadline))
             return;
     }
     const char end[4] = {0, 0, 0, 0};

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <unistd.h>
 
-#include "Fd.h"
+#include "shared/fd/Fd.h"
 
 namespace
 {

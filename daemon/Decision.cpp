@@ -10,7 +10,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "Fd.h"
+#include "shared/fd/Fd.h"
 
 namespace
 {

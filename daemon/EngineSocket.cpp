@@ -135,6 +135,18 @@ bool SendAll(int socket, const char* data, std::size_t length, Deadline deadline
     return true;
 }
 
+std::size_t ReadMessageAt(int msg, char* buffer, std::size_t length, off_t offset)
+{
+    for (;;) {
+        const ssize_t count = ::pread(msg, buffer, length, offset);
+        if (count >= 0)
+            return static_cast<std::size_t>(count);
+        const int error = errno;
+        if (error != EINTR)
+            throw std::domain_error("read error:" + SystemText(error));
+    }
+}
+
 bool SendFileContents(int socket, int file, std::size_t length, Deadline deadline)
 {
     off_t offset = 0;

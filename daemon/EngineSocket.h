@@ -11,7 +11,7 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
-#include "Fd.h"
+#include "shared/fd/Fd.h"
 
 using Clock = std::chrono::steady_clock;
 using Deadline = Clock::time_point;
@@ -48,6 +48,10 @@ void SendDescriptor(int socket, int descriptor, Deadline deadline);
 
 // Reads what is there, at most length bytes; 0 at the peer's end of stream.
 std::size_t ReceiveSome(int socket, char* buffer, std::size_t length, Deadline deadline);
+
+// Up to length bytes of the message file msg from offset, retrying an
+// interrupted read; 0 at its end. Throws std::domain_error ("read error:").
+std::size_t ReadMessageAt(int msg, char* buffer, std::size_t length, off_t offset);
 
 // Milliseconds left until deadline, at least 0 (for poll).
 int MillisecondsLeft(Deadline deadline);

@@ -10,6 +10,8 @@
 #include <sys/sendfile.h>
 #include <unistd.h>
 
+#include "shared/fd/SmallFile.h"
+
 namespace
 {
 
@@ -17,7 +19,7 @@ const char* const MsgName = ".msg";
 const char* const NewMsgName = ".msg.refd-new";
 const char* const EnvelopeName = ".envelope";
 // Far above any envelope the filter writes (thousands of recipients).
-constexpr off_t MaxEnvelopeSize = 1024 * 1024;
+constexpr std::size_t MaxEnvelopeSize = 1024 * 1024;
 
 [[noreturn]] void ThrowSystem(const std::string& what, const std::string& path)
 {
@@ -44,26 +46,11 @@ Entry::Entry(const std::string& dir)
 MessageEnvelope Entry::ReadEnvelope() const
 {
     const std::string path = dir + "/" + EnvelopeName;
-    Fd file(::openat(dirFd.Get(), EnvelopeName, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat status;
-    if (!file.IsValid())
-        ThrowSystem("open", path);
-    if (::fstat(file.Get(), &status) != 0)
-        ThrowSystem("fstat", path);
-    if (!S_ISREG(status.st_mode) || status.st_size > MaxEnvelopeSize)
-        throw std::logic_error(path + " is not a regular file of at most 1 MiB");
-    std::string text(static_cast<std::size_t>(status.st_size), '\0');
-    std::size_t got = 0;
-    while (got < text.size()) {
-        const ssize_t count = ::read(file.Get(), &text[got], text.size() - got);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            ThrowSystem("read", path);
-        if (count == 0)
-            throw std::logic_error(path + " shrank while it was read");
-        got += static_cast<std::size_t>(count);
-    }
+    std::string text;
+    const std::string fault =
+        ReadSmallFileAt(dirFd.Get(), dir, EnvelopeName, MaxEnvelopeSize, text);
+    if (!fault.empty())
+        throw std::domain_error(fault);
     MessageEnvelope envelope;
     envelope.queueId = dir.substr(dir.find_last_of('/', dir.size() - 2) + 1);
     if (!envelope.queueId.empty() && envelope.queueId.back() == '/')

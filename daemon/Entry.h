@@ -11,7 +11,7 @@
 #include <sys/stat.h>
 
 #include "Engine.h"
-#include "Fd.h"
+#include "shared/fd/Fd.h"
 
 class Entry
 {

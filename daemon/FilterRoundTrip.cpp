@@ -16,7 +16,7 @@
 #include "BoundedRun.h"
 #include "CheckReport.h"
 #include "EngineSocket.h"
-#include "Fd.h"
+#include "shared/fd/Fd.h"
 #include "Sweeper.h"
 #include "shared/conversation/Conversation.h"
 

@@ -11,8 +11,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Fd.h"
 #include "Metrics.h"
+#include "shared/fd/Fd.h"
+#include "shared/fd/SmallFile.h"
 
 namespace
 {
@@ -29,31 +30,13 @@ std::string Failed(const std::string& what, const std::string& path)
 
 std::string ReadEnvelopeAddresses(const std::string& dir, MessageRecord& record)
 {
-    const std::string path = dir + "/" + EnvelopeName;
     Fd dirFd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!dirFd.IsValid())
         return Failed("open", dir);
-    Fd file(::openat(dirFd.Get(), EnvelopeName, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat status;
-    if (!file.IsValid())
-        return Failed("open", path);
-    if (::fstat(file.Get(), &status) != 0)
-        return Failed("fstat", path);
-    if (!S_ISREG(status.st_mode) || static_cast<std::size_t>(status.st_size) > MaxEnvelope)
-        return path + " is not a regular file of at most 64 KiB";
-    std::string text(static_cast<std::size_t>(status.st_size), '\0');
-    std::size_t got = 0;
-    while (got < text.size()) {
-        const ssize_t count = ::read(file.Get(), &text[got], text.size() - got);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            return Failed("read", path);
-        if (count == 0)
-            break;
-        got += static_cast<std::size_t>(count);
-    }
-    text.resize(got);
+    std::string text;
+    const std::string fault = ReadSmallFileAt(dirFd.Get(), dir, EnvelopeName, MaxEnvelope, text);
+    if (!fault.empty())
+        return fault;
     for (std::size_t at = 0; at < text.size();) {
         std::size_t end = text.find('\n', at);
         end = end == std::string::npos ? text.size() : end;

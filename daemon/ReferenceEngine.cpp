@@ -10,6 +10,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "EngineSocket.h"
+
 namespace
 {
 
@@ -30,17 +32,11 @@ EngineResult ReferenceEngine::Check(int msg, const struct stat& /*status*/,
     std::size_t kept = 0;
     off_t offset = 0;
     for (;;) {
-        ssize_t count = ::pread(msg, buffer.data() + kept, BlockSize, offset);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0) {
-            int error = errno;
-            throw std::domain_error(std::string("read error:") + std::strerror(error));
-        }
+        const std::size_t count = ReadMessageAt(msg, buffer.data() + kept, BlockSize, offset);
         if (count == 0)
             return result;
-        offset += count;
-        std::size_t held = kept + static_cast<std::size_t>(count);
+        offset += static_cast<off_t>(count);
+        std::size_t held = kept + count;
         if (::memmem(buffer.data(), held, TestString, TestStringLength) != nullptr) {
             result.finding = Finding::Reject;
             result.note = "infected: EICAR-Test-File";

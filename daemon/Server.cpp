@@ -26,7 +26,7 @@
 
 #include "DaemonLog.h"
 #include "EngineSocket.h"
-#include "Fd.h"
+#include "shared/fd/Fd.h"
 #include "Privileges.h"
 #include "Sweeper.h"
 #include "shared/conversation/Conversation.h"

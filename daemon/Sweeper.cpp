@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "DaemonLog.h"
-#include "Fd.h"
+#include "shared/fd/Fd.h"
 #include "Metrics.h"
 
 namespace

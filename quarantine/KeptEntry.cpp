@@ -11,6 +11,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "shared/fd/SmallFile.h"
+
 namespace
 {
 
@@ -23,41 +25,6 @@ std::string Cause(const std::string& what, const std::string& path)
 {
     const int error = errno;
     return what + " " + path + " error:" + std::strerror(error);
-}
-
-// Opens name in dirFd as a regular file with one link of at most maxSize
-// bytes; missingOk: a missing file is no fault and leaves file invalid.
-std::string OpenFile(int dirFd, const std::string& path, const char* name, std::size_t maxSize,
-                     bool missingOk, Fd& file, struct stat& status)
-{
-    file = Fd(::openat(dirFd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!file.IsValid())
-        return missingOk && errno == ENOENT ? "" : Cause("open", path + "/" + name);
-    if (::fstat(file.Get(), &status) != 0)
-        return Cause("fstat", path + "/" + name);
-    if (!S_ISREG(status.st_mode) || status.st_nlink != 1)
-        return path + "/" + name + " is not a regular file with one link";
-    if (static_cast<std::size_t>(status.st_size) > maxSize)
-        return path + "/" + name + " is over " + std::to_string(maxSize) + " bytes";
-    return "";
-}
-
-// The whole of a small file opened by OpenFile, at most maxSize bytes.
-std::string ReadSmall(int fd, const std::string& path, std::size_t maxSize, std::string& text)
-{
-    char block[8192];
-    for (;;) {
-        const ssize_t count = ::read(fd, block, sizeof block);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            return Cause("read", path);
-        if (count == 0)
-            return "";
-        text.append(block, static_cast<std::size_t>(count));
-        if (text.size() > maxSize)
-            return path + " grew over " + std::to_string(maxSize) + " bytes";
-    }
 }
 
 // Each line that holds separator, split at its first one into a pair.
@@ -112,7 +79,8 @@ std::vector<std::string> ListNames(int dirFd, const std::string& path)
 } // namespace
 
 MsgsDir::MsgsDir(const std::string& basedir)
-    : path(basedir.substr(0, basedir.find_last_not_of('/') + 1) + "/msgs"), fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC))
+    : path(basedir.substr(0, basedir.find_last_not_of('/') + 1) + "/msgs"),
+      fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC))
 {
     if (!fd.IsValid())
         ThrowSystem("open", path);
@@ -135,7 +103,8 @@ std::string OpenEntryDirectory(const MsgsDir& msgs, const std::string& name, Kep
         return "'" + name + "' is no entry name";
     const std::string path = msgs.path + "/" + name;
     entry.name = name;
-    entry.dir = Fd(::openat(msgs.Get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    entry.dir =
+        Fd(::openat(msgs.Get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!entry.dir.IsValid())
         return Cause("open", path);
     if (::fstat(entry.dir.Get(), &entry.dirStatus) != 0)
@@ -149,17 +118,21 @@ std::string OpenKeptEntry(const MsgsDir& msgs, const std::string& name, KeptEntr
     if (!fault.empty())
         return fault;
     const std::string path = msgs.path + "/" + name;
-    fault = OpenFile(entry.dir.Get(), path, ".msg", SIZE_MAX, false, entry.msg, entry.msgStatus);
+    fault =
+        OpenSmallFile(entry.dir.Get(), path, ".msg", SIZE_MAX, false, entry.msg, entry.msgStatus);
     Fd envelope, decision;
-    struct stat status {};
+    struct stat status {
+    };
     if (fault.empty())
-        fault = OpenFile(entry.dir.Get(), path, ".envelope", MaxEnvelope, false, envelope, status);
+        fault =
+            OpenSmallFile(entry.dir.Get(), path, ".envelope", MaxEnvelope, false, envelope, status);
     if (fault.empty())
-        fault = ReadSmall(envelope.Get(), path + "/.envelope", MaxEnvelope, entry.envelopeText);
+        fault = ReadSmallFile(envelope.Get(), path + "/.envelope", MaxEnvelope, entry.envelopeText);
     if (fault.empty())
-        fault = OpenFile(entry.dir.Get(), path, ".decision", MaxDecision, true, decision, status);
+        fault =
+            OpenSmallFile(entry.dir.Get(), path, ".decision", MaxDecision, true, decision, status);
     if (fault.empty() && decision.IsValid())
-        fault = ReadSmall(decision.Get(), path + "/.decision", MaxDecision, entry.decisionText);
+        fault = ReadSmallFile(decision.Get(), path + "/.decision", MaxDecision, entry.decisionText);
     if (!fault.empty())
         return fault;
     std::vector<std::pair<std::string, std::string>> pairs;
@@ -215,7 +188,8 @@ void RemoveKeptEntry(const MsgsDir& msgs, const KeptEntry& entry)
             if (::unlinkat(entry.dir.Get(), name.c_str(), 0) != 0 && errno != ENOENT)
                 ThrowSystem("remove", path + "/" + name);
     }
-    struct stat now {};
+    struct stat now {
+    };
     if (::fstatat(msgs.Get(), entry.name.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0)
         ThrowSystem("fstat", path);
     if (!S_ISDIR(now.st_mode) || now.st_dev != entry.dirStatus.st_dev ||

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "Fd.h"
+#include "shared/fd/Fd.h"
 
 class MsgsDir
 {
@@ -33,9 +33,11 @@ private:
 struct KeptEntry {
     std::string name;
     Fd dir;
-    struct stat dirStatus {};
+    struct stat dirStatus {
+    };
     Fd msg;
-    struct stat msgStatus {};
+    struct stat msgStatus {
+    };
     std::string sender;                          // as the envelope has it, "<>" included
     std::vector<std::string> recipients;         // likewise
     std::map<std::string, std::string> decision; // empty when the daemon left none

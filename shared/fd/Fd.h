@@ -1,6 +1,6 @@
-// daemon/Fd.h: the daemon's descriptor owner and write-all loop
-// (for blocking descriptors: files, standard error). The daemon stands alone
-// (it links none of the filter's libraries), so it keeps its own copies.
+// shared/fd/Fd.h: the descriptor owner and write-all loop of quelt-refd and
+// vorex-quarantine (for blocking descriptors: files, standard error). Both
+// stand apart from the filter's libraries, so they share this copy.
 #pragma once
 
 #include <cerrno>
@@ -10,7 +10,7 @@
 class Fd
 {
 public:
-    explicit Fd(int fd) : fd(fd) {}
+    explicit Fd(int fd = -1) : fd(fd) {}
     ~Fd()
     {
         if (fd >= 0)
