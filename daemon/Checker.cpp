@@ -1,7 +1,7 @@
 // daemon/Checker.cpp: the verdict flags of the conversation: 1
 // pass, 2 reject, 4 tempfail, 32 daemon error, 0x200 headers changed in
-// ".msg" (shared/conversation/Conversation.h). Engines share no state between checks, so one Checker serves every
-// worker thread.
+// ".msg" (shared/conversation/Conversation.h). Engines share no state between checks, so one
+// Checker serves every worker thread.
 #include "Checker.h"
 
 #include <chrono>
@@ -48,8 +48,14 @@ std::string Checker::RunEngines(const std::string& dir, std::string& summary,
         const auto started = Clock::now();
         // Filled in as an error first: a throw leaves it so.
         record.engines.push_back({engineName, "", "error", "", 0});
-        if (engine->UsesEnvelope() && envelope.queueId.empty())
+        if (engine->UsesEnvelope() && envelope.queueId.empty()) {
             envelope = entry.ReadEnvelope();
+            if (settings.logAddresses) { // the log line need not read it again
+                record.sender = envelope.sender;
+                record.recipients = envelope.recipients;
+                record.addressesRead = true;
+            }
+        }
         EngineResult result = engine->Check(entry.Msg(), entry.MsgStatus(), envelope, deadline);
         engineName.clear();
         EngineRecord& part = record.engines.back();
@@ -58,8 +64,8 @@ std::string Checker::RunEngines(const std::string& dir, std::string& summary,
                       : result.finding == Finding::Reject ? "found"
                                                           : "tempfail";
         part.detail = Printable(result.summary);
-        part.ms = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started)
-                      .count();
+        part.ms =
+            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
         summary += result.summary + ", ";
         if (result.finding == Finding::Reject)
             return std::to_string(Reject) + " " + result.note;
@@ -109,7 +115,8 @@ std::string Checker::Check(const std::string& dir) const
     if (settings.metrics != nullptr)
         settings.metrics->CheckEnded(VerdictOfAnswer(answer), elapsed);
     // The admin's record of this answer; its failure changes nothing sent.
-    const std::string failure = WriteDecision(dir, DecisionText(answer, summary, std::time(nullptr)));
+    const std::string failure =
+        WriteDecision(dir, DecisionText(answer, summary, std::time(nullptr)));
     if (!failure.empty())
         Say(LOG_WARNING, Printable(failure));
     if (!settings.logJson) {
@@ -121,7 +128,8 @@ std::string Checker::Check(const std::string& dir) const
     record.answer = answer;
     record.ms = took;
     record.withAddresses = settings.logAddresses;
-    const std::string unread = settings.logAddresses ? ReadEnvelopeAddresses(dir, record) : "";
+    const std::string unread =
+        settings.logAddresses && !record.addressesRead ? ReadEnvelopeAddresses(dir, record) : "";
     if (!unread.empty())
         Say(LOG_WARNING, Printable(unread));
     Say(priority, MessageJson(record));

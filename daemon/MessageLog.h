@@ -25,6 +25,7 @@ struct MessageRecord {
     std::string answer; // "<flags> <note>"
     long long ms = 0;
     bool withAddresses = false;
+    bool addressesRead = false; // an engine's envelope filled them in
     std::string sender;
     std::vector<std::string> recipients;
 };
