@@ -216,16 +216,17 @@ TEST_F(Engines, MetricsCountWhatWasSent)
         fs::create_directories(basedir + kept);
     fs::permissions(basedir + "msgs", fs::perms(01770)); // as the filter makes it
     const std::string port = std::to_string(FreePort());
-    RefDaemon daemon(basedir, {"--clamd", clamd, "--clamd", stopped, "--spamd", Shared().spamd.socket,
-                               "--revive-seconds", "600", "--metrics", "127.0.0.1:" + port,
-                               "--log-format", "json", "--log-addresses"});
+    RefDaemon daemon(basedir, {"--clamd", clamd, "--clamd", stopped, "--spamd",
+                               Shared().spamd.socket, "--revive-seconds", "600", "--metrics",
+                               "127.0.0.1:" + port, "--log-format", "json", "--log-addresses"});
     std::string jobs;
     for (int at = 0; at < 5; ++at)
         jobs += Spool("m" + std::to_string(at), at < 2 ? Infected : Clean) + "\n";
     EXPECT_EQ(RunProgram(Args({"--interface", "0"}), jobs).status, 0);
     const std::string text =
         RunProgram({"/usr/bin/curl", "-sf", "http://127.0.0.1:" + port + "/metrics"}).out;
-    const std::string clamdAt = "{engine=\"clamd\",result=\"", spamdAt = "{engine=\"spamd\",result=\"";
+    const std::string clamdAt = "{engine=\"clamd\",result=\"",
+                      spamdAt = "{engine=\"spamd\",result=\"";
     for (const std::string& line : std::vector<std::string>{
              "quelt_checks_total{verdict=\"pass\"} 3", "quelt_checks_total{verdict=\"reject\"} 2",
              "quelt_checks_total{verdict=\"error\"} 0", "quelt_check_duration_seconds_count 5",
@@ -233,7 +234,8 @@ TEST_F(Engines, MetricsCountWhatWasSent)
              "quelt_engine_results_total" + clamdAt + "clean\",upstream=\"" + clamd + "\"} 3",
              "quelt_engine_results_total" + clamdAt + "found\",upstream=\"" + clamd + "\"} 2",
              "quelt_engine_results_total" + clamdAt + "error\",upstream=\"" + stopped + "\"} 1",
-             "quelt_engine_results_total" + spamdAt + "clean\",upstream=\"" + Shared().spamd.socket + "\"} 3",
+             "quelt_engine_results_total" + spamdAt + "clean\",upstream=\"" +
+                 Shared().spamd.socket + "\"} 3",
              "quelt_engine_duration_seconds_count{engine=\"clamd\",upstream=\"" + clamd + "\"} 5",
              "quelt_upstream_up{engine=\"clamd\",upstream=\"" + clamd + "\"} 1",
              "quelt_upstream_up{engine=\"clamd\",upstream=\"" + stopped + "\"} 0",
@@ -250,12 +252,18 @@ TEST_F(Engines, MetricsCountWhatWasSent)
         lines += json["verdict"].get<std::string>() + " " + json["note"].get<std::string>() + " " +
                  json["from"].dump() + json["to"].dump();
         for (auto& engine : json["engines"])
-            lines += " " + engine["engine"].get<std::string>() + "@" + engine["upstream"].get<std::string>() +
-                     ":" + engine["result"].get<std::string>();
+            lines += " " + engine["engine"].get<std::string>() + "@" +
+                     engine["upstream"].get<std::string>() + ":" +
+                     engine["result"].get<std::string>();
         lines += json["size"] > 0 && json["ms"] >= 0 ? "\n" : " bad size or ms\n";
     }
-    const std::string infected = "reject infected: eicar.com.UNOFFICIAL \"<alice@corp.example>\"[\"<partner@other.example>\",\"<team+sales@corp.example>\"] clamd@" + clamd + ":found\n";
-    const std::string clean = "pass clean \"<newsletter@sender.example>\"[\"<john.doe@corp.example>\"] clamd@" + clamd + ":clean spamd@" + Shared().spamd.socket + ":clean\n";
+    const std::string infected = "reject infected: eicar.com.UNOFFICIAL "
+                                 "\"<alice@corp.example>\"[\"<partner@other.example>\",\"<team+"
+                                 "sales@corp.example>\"] clamd@" +
+                                 clamd + ":found\n";
+    const std::string clean =
+        "pass clean \"<newsletter@sender.example>\"[\"<john.doe@corp.example>\"] clamd@" + clamd +
+        ":clean spamd@" + Shared().spamd.socket + ":clean\n";
     EXPECT_EQ(lines, infected + infected + clean + clean + clean) << log;
 }
 
@@ -316,9 +324,9 @@ TEST_F(Engines, RspamdActionsAndDkimSignature)
         // message is still answered.
         RefDaemon pool(basedir,
                        {"--rspamd", basedir + "nothing.sock", "--rspamd", Shared().rspamd.socket});
-        EXPECT_EQ(RunProgram(Args({"--interface", "0"}),
-                             Spool("p1", Clean) + "\n" + Spool("p2", Clean) + "\n" +
-                                 Spool("p3", Clean) + "\n")
+        EXPECT_EQ(RunProgram(Args({"--interface", "0"}), Spool("p1", Clean) + "\n" +
+                                                             Spool("p2", Clean) + "\n" +
+                                                             Spool("p3", Clean) + "\n")
                       .out,
                   PassLine + " clean\n" + PassLine + " clean\n" + PassLine + " clean\n");
     }
