@@ -5,6 +5,7 @@
 #include "Checker.h"
 
 #include <chrono>
+#include <cstdlib>
 #include <ctime>
 #include <stdexcept>
 
@@ -114,11 +115,15 @@ std::string Checker::Check(const std::string& dir) const
     answer = Printable(answer);
     if (settings.metrics != nullptr)
         settings.metrics->CheckEnded(VerdictOfAnswer(answer), elapsed);
-    // The admin's record of this answer; its failure changes nothing sent.
-    const std::string failure =
-        WriteDecision(dir, DecisionText(answer, summary, std::time(nullptr)));
-    if (!failure.empty())
-        Say(LOG_WARNING, Printable(failure));
+    // The admin's record of an answer whose entry the filter keeps; its
+    // failure changes nothing sent. An entry the filter removes gets none: a
+    // new inode per clean message was most of the daemon's own cost.
+    if (FilterKeepsEntry(static_cast<VerdictFlags>(std::strtoul(answer.c_str(), nullptr, 10)))) {
+        const std::string failure =
+            WriteDecision(dir, DecisionText(answer, summary, std::time(nullptr)));
+        if (!failure.empty())
+            Say(LOG_WARNING, Printable(failure));
+    }
     if (!settings.logJson) {
         Say(priority, Printable(dir + ": " + summary) + "verdict " + answer + ", " +
                           std::to_string(took) + " ms");

@@ -1,5 +1,5 @@
 // daemon/Decision.h: the record of what the daemon answered for
-// one entry, ".decision" in the entry: "Key: value" lines (Flags, Note,
+// an entry the filter keeps, ".decision" in the entry: "Key: value" lines (Flags, Note,
 // Engines, Time as epoch seconds, Date in ISO 8601 UTC), printable ASCII
 // only. The admin's quarantine tool reads it; nothing in the mail path does.
 // Reports failure as a cause string; never throws.

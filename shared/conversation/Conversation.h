@@ -36,3 +36,13 @@ enum : VerdictFlags {
     VerdictBodyChanged = 0x800,
     ContentChangedMask = VerdictHeadersChanged | VerdictBodyChanged,
 };
+
+// Whether the filter keeps the entry after this answer: it removes the entry
+// of a message that passed (unless another took it over) and of a failure.
+// What the filter keeps is all the quarantine ever sees.
+inline bool FilterKeepsEntry(VerdictFlags flags)
+{
+    if (flags & VerdictDaemonError)
+        return false;
+    return (flags & VerdictTakenOver) != 0 || (flags & VerdictPass) == 0;
+}
