@@ -153,9 +153,9 @@ bool MsgEntryImpl::SetOwner(int32_t uid, int32_t gid)
 
 bool MsgEntryImpl::Remove()
 {
-    // The usual entry holds the two files the filter wrote and the daemon's
-    // record of its answer: four calls remove it. Anything else the daemon
-    // added is left to the walk.
+    // The usual entry holds the two files the filter wrote, and the daemon's
+    // record of its answer where the daemon wrote one: four calls remove it.
+    // Anything else the daemon added is left to the walk.
     for (const std::string& name : {std::string(EnvelopeFilename),
                                     ConfHolderShared::GetMsgFilename(), std::string(DecisionFilename)})
         if (::unlinkat(dirFd.Get(), name.c_str(), 0) != 0 && errno != ENOENT)
