@@ -42,6 +42,20 @@ bool PeerClosed(int error)
     return error == EPIPE || error == ECONNRESET;
 }
 
+// After a failed send call: false when the peer has closed its end, true
+// once the call may be tried again (interrupted, or the socket writable
+// again); throws std::domain_error ("<call> error:") on any other error.
+bool MaySendAgain(int socket, int error, Deadline deadline, const char* call)
+{
+    if (PeerClosed(error))
+        return false;
+    if (error == EAGAIN)
+        WaitFor(socket, POLLOUT, deadline, "send");
+    else if (error != EINTR)
+        throw std::domain_error(std::string(call) + " error:" + SystemText(error));
+    return true;
+}
+
 } // namespace
 
 int MillisecondsLeft(Deadline deadline)
@@ -124,13 +138,8 @@ bool SendAll(int socket, const char* data, std::size_t length, Deadline deadline
             length -= static_cast<std::size_t>(count);
             continue;
         }
-        int error = errno;
-        if (PeerClosed(error))
+        if (!MaySendAgain(socket, errno, deadline, "send"))
             return false;
-        if (error == EAGAIN)
-            WaitFor(socket, POLLOUT, deadline, "send");
-        else if (error != EINTR)
-            throw std::domain_error("send error:" + SystemText(error));
     }
     return true;
 }
@@ -157,13 +166,8 @@ bool SendFileContents(int socket, int file, std::size_t length, Deadline deadlin
             continue;
         if (count == 0)
             throw std::logic_error("the message shrank while it was sent");
-        int error = errno;
-        if (PeerClosed(error))
+        if (!MaySendAgain(socket, errno, deadline, "sendfile"))
             return false;
-        if (error == EAGAIN)
-            WaitFor(socket, POLLOUT, deadline, "send");
-        else if (error != EINTR)
-            throw std::domain_error("sendfile error:" + SystemText(error));
     }
     return true;
 }
