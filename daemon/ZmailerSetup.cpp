@@ -1,9 +1,8 @@
-// daemon/ZmailerSetup.cpp: the three files are read the way
-// ZMailer reads them (zmailer.conf and smtpserver.conf through
-// shared/zmailer/); an entry naming a program that is not executable is
-// ignored, the last good one counts. The policy source: "key attribute value ... [= _alias]" lines, '#' starts a
-// comment, a key's lines add up, and an attribute a key lacks is looked up
-// along its aliases.
+// daemon/ZmailerSetup.cpp: zmailer.conf and smtpserver.conf are read the way
+// ZMailer reads them (through shared/zmailer/); an entry naming a program
+// that is not executable is ignored, the last good one counts. The policy is
+// the compiled database smtpserver reads ("PARAM policydb"), dumped by
+// ZMailer's dblook: an attribute a key lacks is looked up along its aliases.
 #include "ZmailerSetup.h"
 
 #include <map>
@@ -20,29 +19,17 @@ namespace
 
 // The wrapper's --check runs the filter once; it answers within its own limit.
 constexpr int WrapperLimitSeconds = 120;
-constexpr int MaxAliasDepth = 16;
-const char* const PolicyKeys[] = {"[0.0.0.0]/0", "_full_rights"};
-
-std::vector<std::string> Words(const std::string& line)
-{
-    std::istringstream in(line);
-    std::vector<std::string> words;
-    for (std::string word; in >> word;)
-        words.push_back(word);
-    return words;
-}
+// smtpserver follows at most five aliases.
+constexpr int MaxAliasDepth = 5;
+const std::string DefaultKey = "[0.0.0.0]/0";
+using PolicyEntries = std::map<std::string, std::vector<std::string>>;
 
 // The content filter smtpserver runs, empty for none; each entry it
 // ignores is a problem.
 std::string CheckContentFilter(CheckReport& report, const std::string& conf,
+                               const std::vector<std::string>& lines,
                                const ZmailerVariables& variables)
 {
-    std::vector<std::string> lines;
-    if (!ReadConfigLines(conf, lines)) {
-        report.Problem("smtpserver.conf", "can not read " + conf,
-                       "ZMailer's content filter runs only from $MAILSHARE/smtpserver.conf");
-        return "";
-    }
     std::string program;
     bool ignored = false;
     for (const ContentFilterEntry& entry : ContentFilterEntries(lines, variables)) {
@@ -90,10 +77,10 @@ void CheckWrapper(CheckReport& report, const std::string& wrapper)
                        "(vorex-zmailer-filter(8))");
 }
 
-// The value of attribute for key, following "= _alias" pairs; empty when
-// none of them has it.
-std::string PolicyValue(const std::map<std::string, std::vector<std::string>>& entries,
-                        const std::string& key, const std::string& attribute, int depth = 0)
+// The value of attribute for key, following "= _alias" pairs as smtpserver
+// does (at most MaxAliasDepth deep); empty when none of them has it.
+std::string PolicyValue(const PolicyEntries& entries, const std::string& key,
+                        const std::string& attribute, int depth = 0)
 {
     const auto found = entries.find(key);
     if (found == entries.end() || depth > MaxAliasDepth)
@@ -111,36 +98,83 @@ std::string PolicyValue(const std::map<std::string, std::vector<std::string>>& e
     return "";
 }
 
-void CheckPolicy(CheckReport& report, const std::string& source)
+// One line of dblook's policy dump: KEY, a tab, then ' attribute "value"'
+// pairs (an alias is the attribute "=").
+void ParseDumpLine(const std::string& line, PolicyEntries& entries)
 {
-    std::vector<std::string> lines;
-    if (!ReadConfigLines(source, lines)) {
-        report.Problem("policy", "can not read " + source,
-                       "give [0.0.0.0]/0 and _full_rights 'filtering +' in ZMailer's policy "
-                       "source, then run policy-builder.sh");
+    const std::size_t tab = line.find('\t');
+    if (tab == std::string::npos || tab == 0)
+        return;
+    std::vector<std::string>& pairs = entries[line.substr(0, tab)];
+    for (std::size_t at = tab + 1; at < line.size();) {
+        const std::size_t name = line.find_first_not_of(' ', at);
+        const std::size_t open = line.find(" \"", name);
+        if (name == std::string::npos || open == std::string::npos)
+            return;
+        std::size_t close = line.find("\" ", open + 2);
+        close = close == std::string::npos ? line.size() - 1 : close;
+        pairs.push_back(line.substr(name, open - name));
+        pairs.push_back(line.substr(open + 2, close - open - 2));
+        at = close + 1;
+    }
+}
+
+// smtpserver decides per client with its compiled policy database: the most
+// specific address key that matches the client's address, then its aliases.
+// So every address key must come to 'filtering +', and [0.0.0.0]/0 must be
+// there for the clients no other key matches. The database is read with
+// ZMailer's own dblook, whatever its type.
+void CheckPolicy(CheckReport& report, const std::string& conf,
+                 const std::vector<std::string>& confLines, const ZmailerVariables& variables)
+{
+    const std::string fix = "give every address line of $MAILVAR/db/smtp-policy.src "
+                            "'filtering +', then run policy-builder.sh and restart smtpserver";
+    const std::vector<ParamEntry> given = ParamEntries(confLines, variables, "policydb");
+    if (given.empty() || given.back().words.size() < 2) {
+        report.Problem(conf, "no 'PARAM policydb TYPE PATH': smtpserver filters no client",
+                       "add 'PARAM policydb $DBTYPE $MAILVAR/db/smtp-policy' and " + fix);
         return;
     }
-    std::map<std::string, std::vector<std::string>> entries;
-    for (const std::string& line : lines) {
-        std::vector<std::string> words = Words(line.substr(0, line.find('#')));
-        if (words.empty())
+    const std::string type = given.back().words[0];
+    const std::string database =
+        given.back().words[1] + (type == "gdbm" ? ".gdbm" : type == "ndbm" ? "" : ".db");
+    const auto bin = variables.find("MAILBIN");
+    const RunOutcome dump = RunBounded(
+        {(bin == variables.end() ? std::string("/usr/lib/zmailer") : bin->second) + "/dblook",
+         "-policydump", type, database},
+        WrapperLimitSeconds);
+    PolicyEntries entries;
+    std::istringstream lines(dump.output);
+    for (std::string line; std::getline(lines, line);)
+        ParseDumpLine(line, entries);
+    if (dump.status != 0 || dump.output.size() >= MaxOutput) {
+        report.Problem("policy " + database,
+                       dump.output.size() >= MaxOutput
+                           ? "more than " + std::to_string(MaxOutput) + " bytes to read"
+                           : "dblook could not read it: '" + dump.output.substr(0, 200) + "'",
+                       fix);
+        return;
+    }
+    if (entries.count(DefaultKey) == 0)
+        report.Problem(DefaultKey, "not in " + database + ": smtpserver runs no content filter "
+                                   "for clients no other line names", fix);
+    int addresses = 0;
+    for (const auto& entry : entries) {
+        if (entry.first.empty() || entry.first[0] != '[')
             continue;
-        std::vector<std::string>& pairs = entries[words[0]];
-        pairs.insert(pairs.end(), words.begin() + 1, words.end());
+        addresses++;
+        const std::string value = PolicyValue(entries, entry.first, "filtering");
+        if (value != "+")
+            report.Problem(entry.first,
+                           (value.empty() ? "no 'filtering +'" : "'filtering " + value + "'") +
+                               " in " + database + ": no content filter for these clients",
+                           "add 'filtering +' to the " + entry.first + " line (or its alias) of "
+                           "$MAILVAR/db/smtp-policy.src, then run policy-builder.sh and restart "
+                           "smtpserver");
     }
-    for (const char* key : PolicyKeys) {
-        const std::string value = PolicyValue(entries, key, "filtering");
-        if (value == "+")
-            report.Ok(source + ": " + key + " has 'filtering +'");
-        else
-            report.Problem(source + ": " + key,
-                           value.empty() ? "no 'filtering +': smtpserver runs no content filter "
-                                           "for these clients"
-                                         : "'filtering " + value + "': no content filter for "
-                                           "these clients",
-                           "add 'filtering +' to the " + std::string(key) +
-                               " line, then run policy-builder.sh and restart smtpserver");
-    }
+    if (entries.count(DefaultKey) != 0)
+        report.Ok(database + ": " + std::to_string(addresses) +
+                  " address lines checked for 'filtering +'");
 }
 
 } // namespace
@@ -164,9 +198,15 @@ void CheckZmailerSetup(CheckReport& report, const std::string& zmailerConf)
         return;
     }
     report.Ok("ZMailer: " + conf);
-    const std::string wrapper =
-        CheckContentFilter(report, share->second + "/smtpserver.conf", variables);
+    const std::string smtpserverConf = share->second + "/smtpserver.conf";
+    std::vector<std::string> confLines;
+    if (!ReadConfigLines(smtpserverConf, confLines)) {
+        report.Problem("smtpserver.conf", "can not read " + smtpserverConf,
+                       "ZMailer's content filter runs only from $MAILSHARE/smtpserver.conf");
+        return;
+    }
+    const std::string wrapper = CheckContentFilter(report, smtpserverConf, confLines, variables);
     if (!wrapper.empty())
         CheckWrapper(report, wrapper);
-    CheckPolicy(report, var->second + "/db/smtp-policy.src");
+    CheckPolicy(report, smtpserverConf, confLines, variables);
 }

@@ -2,9 +2,9 @@
 // ZMailer installation is found (zmailer.conf: the file given, else
 // $ZCONFIG, else /etc/zmailer.conf): smtpserver.conf under $MAILSHARE names
 // an executable content filter, that wrapper's own --check finds its
-// options good, and the policy source under $MAILVAR/db gives
-// "filtering +" to [0.0.0.0]/0 and _full_rights (smtpserver runs no content
-// filter for a client without it).
+// options good, and the compiled policy smtpserver reads ("PARAM policydb")
+// gives "filtering +" to [0.0.0.0]/0 and every other address line
+// (smtpserver runs no content filter for a client without it).
 #pragma once
 
 #include <string>

@@ -69,21 +69,35 @@ std::string ExpandZmailerVariables(const std::string& text, const ZmailerVariabl
     return out;
 }
 
-std::vector<ContentFilterEntry> ContentFilterEntries(const std::vector<std::string>& lines,
-                                                     const ZmailerVariables& variables)
+std::vector<ParamEntry> ParamEntries(const std::vector<std::string>& lines,
+                                     const ZmailerVariables& variables, const std::string& name)
 {
-    std::vector<ContentFilterEntry> entries;
+    std::vector<ParamEntry> entries;
     for (std::size_t number = 1; number <= lines.size(); ++number) {
         const std::string& line = lines[number - 1];
         if (line.compare(0, 5, "PARAM") != 0)
             continue;
         std::istringstream words(ExpandZmailerVariables(line, variables));
-        std::string param, name, program;
-        words >> param >> name >> program;
-        std::transform(name.begin(), name.end(), name.begin(),
+        std::string param, given;
+        words >> param >> given;
+        std::transform(given.begin(), given.end(), given.begin(),
                        [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-        if (name == "contentfilter" && !program.empty())
-            entries.push_back({number, program});
+        if (given != name)
+            continue;
+        ParamEntry entry{number, {}};
+        for (std::string word; words >> word;)
+            entry.words.push_back(word);
+        entries.push_back(entry);
     }
+    return entries;
+}
+
+std::vector<ContentFilterEntry> ContentFilterEntries(const std::vector<std::string>& lines,
+                                                     const ZmailerVariables& variables)
+{
+    std::vector<ContentFilterEntry> entries;
+    for (const ParamEntry& entry : ParamEntries(lines, variables, "contentfilter"))
+        if (!entry.words.empty())
+            entries.push_back({entry.line, entry.words[0]});
     return entries;
 }

@@ -24,6 +24,16 @@ ZmailerVariables ParseZmailerConf(const std::vector<std::string>& lines);
 // Variables replaced by their values; unknown ones stay as written.
 std::string ExpandZmailerVariables(const std::string& text, const ZmailerVariables& variables);
 
+// Every "PARAM name ..." line of smtpserver.conf's lines (name in any
+// case), in order, with its line number (from 1) and the words after the
+// name, variables expanded.
+struct ParamEntry {
+    std::size_t line = 0;
+    std::vector<std::string> words;
+};
+std::vector<ParamEntry> ParamEntries(const std::vector<std::string>& lines,
+                                     const ZmailerVariables& variables, const std::string& name);
+
 // Every "PARAM contentfilter PROGRAM" of smtpserver.conf's lines, in order,
 // with its line number (from 1). smtpserver ignores an entry whose program
 // is not executable and keeps the last good one.
