@@ -84,14 +84,17 @@ public:
         boost::filesystem::create_directories(dir / "site");
         for (const auto& file : boost::filesystem::directory_iterator("/etc/spamassassin"))
             if (file.path().extension() == ".pre")
-                boost::filesystem::copy_file(file.path(),
-                                             dir.Path() / "site" / file.path().filename());
+                // Read and written, not copied: an overlaid /etc is another device.
+                WriteFile((dir.Path() / "site" / file.path().filename()).string(),
+                          ReadFile(file.path().string()));
         WriteFile(dir / "site/local.cf", "dns_available no\n");
         process = std::make_unique<ChildProcess>(std::vector<std::string>{
             "/usr/sbin/spamd", "--socketpath=" + socket, "--socketmode=0666", "-u", "nobody",
             "--local", "--siteconfigpath=" + (dir / "site"), "--syslog=" + (dir / "spamd.log")});
         AwaitSocket(socket);
     }
+    // Its children end with it; after SIGKILL they would stay.
+    ~Spamd() { process->Signal(SIGTERM), (void)process->Wait(); }
 
     TempDir dir;
     const std::string socket = dir / "spamd.sock";

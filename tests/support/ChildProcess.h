@@ -113,7 +113,7 @@ public:
             ::kill(pid, sig);
     }
 
-private:
+    // argv or an environment as posix_spawn takes it (valid while strings is).
     static std::vector<char*> Pointers(const std::vector<std::string>& strings)
     {
         std::vector<char*> pointers;
@@ -123,6 +123,7 @@ private:
         return pointers;
     }
 
+private:
     // The exit status of a child that has ended or been killed, once.
     int Reap()
     {
