@@ -169,6 +169,9 @@ public:
         std::string conf = ReadFile(Prefix + "/zmailer.conf");
         for (const char* name : {"ZCONFIG", "MAILSHARE", "MAILVAR", "POSTOFFICE", "LOGDIR"})
             Set(conf, name, name == std::string("ZCONFIG") ? zconfig : dir / Folder(name));
+        // The notify sockets and the SNMP block live in the postoffice too.
+        for (std::size_t at; (at = conf.find(Prefix + "/postoffice/")) != std::string::npos;)
+            conf.replace(at, Prefix.size() + 12, dir / "postoffice/");
         WriteFile(zconfig, conf);
         // The router's configuration reads zmailer.conf from the path it names.
         for (const char* cf : {"router.cf", "cf/SMTP.cf"}) {
