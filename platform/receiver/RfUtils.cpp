@@ -3,8 +3,10 @@
 // Mail::SetToField. The normaliser reads an address as a mail administrator
 // writes it: display names, comments and group names go, the address between
 // angle brackets wins, quoted local parts and domain literals stay as they
-// are, and every result names one address. It compares bytes with ASCII
-// punctuation only, so any byte is safe.
+// are, and every result names one address. A quote, comment or bracket that
+// never closes is an ordinary byte of its own item: it hides nothing and takes
+// no other item with it. It compares bytes with ASCII punctuation only, so any
+// byte is safe.
 #include "platform/receiver/RfUtils.h"
 
 #include <cstring>
@@ -81,6 +83,8 @@ public:
 
     // True inside a quoted string, domain literal or comment.
     bool IsOpen() const { return inQuote || inLiteral || commentDepth > 0; }
+    bool InQuote() const { return inQuote; }
+    bool InLiteral() const { return inLiteral; }
 
 private:
     bool inQuote = false;
@@ -89,16 +93,77 @@ private:
     long commentDepth = 0;
 };
 
+// Where each byte of text stands. An opener that never closes is a plain byte
+// and the reading goes on right after it, so the stray quote of "x\"y@x"
+// hides nothing. Inside a span a byte is escaped when an odd run of
+// backslashes stands right before it; that does not depend on where the span
+// began, so every opener's closer is found from arrays built in one pass
+// each, and the reading stays linear on any text.
+std::vector<Place> Places(const std::string& text)
+{
+    const std::size_t size = text.size();
+    std::vector<bool> escaped(size, false);
+    for (std::size_t i = 1; i < size; ++i)
+        escaped[i] = text[i - 1] == '\\' && !escaped[i - 1];
+
+    // The next unescaped '"' and ']' at or after each position.
+    std::vector<std::size_t> nextQuote(size + 1, std::string::npos);
+    std::vector<std::size_t> nextBracket(size + 1, std::string::npos);
+    for (std::size_t i = size; i-- > 0;) {
+        nextQuote[i] = text[i] == '"' && !escaped[i] ? i : nextQuote[i + 1];
+        nextBracket[i] = text[i] == ']' && !escaped[i] ? i : nextBracket[i + 1];
+    }
+    // Comment depth as a running sum over unescaped parentheses; a comment
+    // opened at i closes at the first later byte where the sum drops below
+    // its value at i.
+    std::vector<long> depth(size);
+    long sum = 0;
+    for (std::size_t i = 0; i < size; ++i) {
+        if (!escaped[i])
+            sum += text[i] == '(' ? 1 : text[i] == ')' ? -1 : 0;
+        depth[i] = sum;
+    }
+    std::vector<std::size_t> commentEnd(size, std::string::npos);
+    std::vector<std::size_t> pending;
+    for (std::size_t i = 0; i < size; ++i) {
+        while (!pending.empty() && depth[i] < depth[pending.back()]) {
+            commentEnd[pending.back()] = i;
+            pending.pop_back();
+        }
+        pending.push_back(i);
+    }
+
+    std::vector<Place> places(size, Place::Plain);
+    for (std::size_t i = 0; i < size;) {
+        std::size_t close = std::string::npos;
+        if (text[i] == '"')
+            close = nextQuote[i + 1];
+        else if (text[i] == '[')
+            close = nextBracket[i + 1];
+        else if (text[i] == '(')
+            close = commentEnd[i];
+        if (close == std::string::npos) {
+            ++i;
+            continue;
+        }
+        for (std::size_t j = i; j <= close; ++j)
+            places[j] = text[i] == '(' ? Place::Comment : Place::Quoted;
+        i = close + 1;
+    }
+    return places;
+}
+
 // Splits at plain commas and semicolons outside angle brackets: people type
 // either between addresses, and a group's closing ';' ends a part too.
 std::vector<std::string> SplitList(const std::string& list)
 {
     std::vector<std::string> parts;
     std::string part;
-    AddressLexer lexer;
+    const std::vector<Place> places = Places(list);
     bool inAngle = false;
-    for (char c : list) {
-        if (lexer.Next(c) == Place::Plain) {
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        const char c = list[i];
+        if (places[i] == Place::Plain) {
             if (c == '<') {
                 inAngle = true;
             } else if (c == '>') {
@@ -116,25 +181,24 @@ std::vector<std::string> SplitList(const std::string& list)
 }
 
 // The part with each comment byte made a blank (a comment separates words
-// as white space does). False when a quoted string, domain literal or
-// comment never closes: where the address would end is then unknown, and a
-// guess could merge or invent addresses, so such a part names none.
-bool WithoutComments(const std::string& part, std::string& text)
+// as white space does).
+std::string WithoutComments(const std::string& part)
 {
-    AddressLexer lexer;
-    text.clear();
-    for (char c : part)
-        text += lexer.Next(c) == Place::Comment ? ' ' : c;
-    return !lexer.IsOpen();
+    const std::vector<Place> places = Places(part);
+    std::string text = part;
+    for (std::size_t i = 0; i < text.size(); ++i)
+        if (places[i] == Place::Comment)
+            text[i] = ' ';
+    return text;
 }
 
 // Where each byte of text stands; text holds no comment.
 std::vector<bool> PlainBytes(const std::string& text)
 {
+    const std::vector<Place> places = Places(text);
     std::vector<bool> plain(text.size());
-    AddressLexer lexer;
     for (std::size_t i = 0; i < text.size(); ++i)
-        plain[i] = lexer.Next(text[i]) == Place::Plain;
+        plain[i] = places[i] == Place::Plain;
     return plain;
 }
 
@@ -200,10 +264,7 @@ bool IsWordBreak(char c)
 // address, one per piece between plain ',', ';', '<' or '>'.
 void AddPartAddresses(const std::string& part, std::vector<std::string>& addresses)
 {
-    std::string text;
-    if (!WithoutComments(part, text))
-        return;
-    text = WithoutRouteAndAtBlanks(AngleText(text));
+    const std::string text = WithoutRouteAndAtBlanks(AngleText(WithoutComments(part)));
     const std::vector<bool> plain = PlainBytes(text);
 
     struct Word {
@@ -249,57 +310,124 @@ void AddPartAddresses(const std::string& part, std::vector<std::string>& address
     }
 }
 
-// At most this many To items are joined to close one quoted string, comment
-// or angle bracket; it bounds the work on a hostile header to a multiple of
-// its length. Real display names and comments hold a few commas.
+// At most this many items are joined to close one quoted string, comment or
+// angle bracket; it bounds the work on a hostile header to a multiple of its
+// length. Real display names, comments and source routes hold a few commas.
 constexpr std::size_t MaxJoinedItems = 16;
+
+bool NamesAnAddress(char c)
+{
+    return c == '@' || c == '<' || c == '>';
+}
+
+// How many items, from items[first] on, make one address: more than one only
+// where items[first] opens a quoted string, comment or angle bracket that a
+// later item closes, as in "Doe, John" <j@x> or <@a.example,@b.example:j@x>.
+// A quoted string or comment may hold separators but no address of its own:
+// one whose text holds '@', '<' or '>', or whose closing quote starts an item
+// (where it opens the next display name), is a stray that stays in its item.
+// An angle bracket closes at the next '>', unless a '<' comes first. A
+// domain literal never holds a separator.
+std::size_t JoinedItems(const std::vector<std::string>& items, std::size_t first)
+{
+    AddressLexer lexer;
+    bool inAngle = false;
+    bool spanOpen = false;         // the quoted string or comment left open by items[first]
+    bool spanHoldsAddress = false; // the last one items[first] opened holds '@', '<' or '>'
+    for (std::size_t i = first; i < items.size() && i < first + MaxJoinedItems; ++i) {
+        const std::string& item = items[i];
+        for (std::size_t j = 0; j < item.size(); ++j) {
+            const char c = item[j];
+            const bool wasOpen = lexer.IsOpen();
+            const bool wasQuote = lexer.InQuote();
+            const Place place = lexer.Next(c);
+            if (i == first && !wasOpen && lexer.IsOpen())
+                spanHoldsAddress = false;
+            else if (i == first && wasOpen && lexer.IsOpen() && NamesAnAddress(c))
+                spanHoldsAddress = true;
+            if (spanOpen && !lexer.IsOpen()) {
+                if (j == 0 && wasQuote)
+                    return 1;
+                spanOpen = false;
+            } else if (spanOpen && NamesAnAddress(c)) {
+                return 1;
+            }
+            if (place == Place::Plain && c == '<') {
+                if (inAngle && i > first)
+                    return 1;
+                inAngle = true;
+            } else if (place == Place::Plain && c == '>') {
+                inAngle = false;
+            }
+        }
+        if (!lexer.IsOpen() && !inAngle)
+            return i - first + 1;
+        if (i == first) {
+            spanOpen = lexer.IsOpen();
+            if (lexer.InLiteral() || (spanOpen && spanHoldsAddress))
+                return 1;
+        }
+        (void)lexer.Next(','); // the separator, which the joined text keeps
+    }
+    return 1;
+}
+
+// The addresses of items that were cut at every separator, in order.
+std::vector<std::string> ItemAddresses(const std::vector<std::string>& items,
+                                       const std::string& separators)
+{
+    std::vector<std::string> addresses;
+    for (std::size_t first = 0; first < items.size();) {
+        const std::size_t count = JoinedItems(items, first);
+        std::string group = items[first];
+        for (std::size_t i = first + 1; i < first + count; ++i)
+            group += separators[i - 1] + items[i];
+        for (const std::string& part : SplitList(group))
+            AddPartAddresses(part, addresses);
+        first += count;
+    }
+    return addresses;
+}
 
 } // namespace
 
 void RfUtils::MakeAddress(std::string& text)
 {
     std::vector<std::string> addresses = MakeAddressList(text);
-    text = addresses.empty() ? std::string("<>") : addresses.front();
+    if (!addresses.empty()) {
+        text = addresses.front();
+        return;
+    }
+    // Names no address the normaliser can read: the text itself, so that a
+    // malformed sender never passes for the null sender of a bounce.
+    const std::string kept = Trimmed(text);
+    if (kept.empty() || kept == "<>")
+        text = "<>";
+    else if (kept.size() >= 2 && kept.front() == '<' && kept.back() == '>')
+        text = kept;
+    else
+        text = "<" + kept + ">";
 }
 
 std::vector<std::string> RfUtils::MakeAddressList(const std::string& list)
 {
-    std::vector<std::string> addresses;
-    for (const std::string& part : SplitList(list))
-        AddPartAddresses(part, addresses);
-    return addresses;
+    std::vector<std::string> items(1);
+    std::string separators;
+    for (char c : list) {
+        if (c == ',' || c == ';') {
+            items.emplace_back();
+            separators += c;
+        } else {
+            items.back() += c;
+        }
+    }
+    return ItemAddresses(items, separators);
 }
 
 std::vector<std::string> RfUtils::MakeAddressItems(const std::vector<std::string>& items)
 {
-    // An item that opens a quoted string, comment or angle bracket takes the
-    // items after it up to the one that closes it, as in "Doe, John" <j@x>.
-    // One that is never closed stands alone: it cannot swallow the others.
-    std::vector<std::string> addresses;
-    for (std::size_t first = 0; first < items.size();) {
-        AddressLexer lexer;
-        bool inAngle = false;
-        std::size_t last = first;
-        bool closed = false;
-        for (std::size_t i = first; i < items.size() && i < first + MaxJoinedItems; ++i) {
-            for (char c : items[i] + ',') {
-                if (lexer.Next(c) == Place::Plain && (c == '<' || c == '>'))
-                    inAngle = c == '<';
-            }
-            if (!lexer.IsOpen() && !inAngle) {
-                last = i;
-                closed = true;
-                break;
-            }
-        }
-        std::string group = items[first];
-        for (std::size_t i = first + 1; closed && i <= last; ++i)
-            group += ',' + items[i];
-        for (const std::string& part : SplitList(group))
-            AddPartAddresses(part, addresses);
-        first = last + 1;
-    }
-    return addresses;
+    const std::string separators(items.empty() ? 0 : items.size() - 1, ',');
+    return ItemAddresses(items, separators);
 }
 
 bool RfUtils::IsJustEol(const char* line)

@@ -9,7 +9,8 @@
 // True when address is "<", text, ">" without a line feed, and the text
 // names at most one address: outside closed quoted strings and domain
 // literals it holds no ',', ';', '<' or '>' and at most one '@'. A quote or
-// literal that never closes shelters nothing.
+// literal that never closes shelters nothing: it is an ordinary byte, and
+// the reading goes on right after it.
 inline bool NamesOneAddress(const std::string& address)
 {
     if (address.size() < 2 || address.front() != '<' || address.back() != '>' ||
@@ -31,6 +32,11 @@ inline bool NamesOneAddress(const std::string& address)
             for (std::size_t j = opened; j <= i; ++j)
                 sheltered[j] = true;
             closer = 0;
+        }
+        if (closer != 0 && i + 1 >= text.size()) {
+            // Never closed: the opener was an ordinary byte; read on after it.
+            closer = 0;
+            i = opened;
         }
     }
     int ats = 0;

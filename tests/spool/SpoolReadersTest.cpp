@@ -154,12 +154,13 @@ TEST(HeaderScanner, FallbackTakesFirstFromAndFirstToWithItsFolds)
         {noRecipient, "To: b@y\ngarbage\n c@z\n\n", "<a@x> to <b@y>"},
         {noRecipient, "Subject: " + std::string(9000, 'x') + "\nTo: b@y\n\n", "<a@x> to <b@y>"},
         {noRecipient, "Subject: s\n\nTo: c@z\n", "can not find rcpt(s) in envelope and msg"},
-        // A quote, comment or angle bracket never closed takes no other item
-        // with it; ';' and blanks separate too; every recipient is one address.
+        // A quote, comment or angle bracket never closed is an ordinary byte
+        // of its item and takes no other item with it; ';' and blanks separate
+        // too; every recipient is one address.
         {noRecipient, "To: x\"y@x.example, bob@example.net, carol@example.net\n\n",
-         "<a@x> to <bob@example.net> <carol@example.net>"},
+         "<a@x> to <x\"y@x.example> <bob@example.net> <carol@example.net>"},
         {noRecipient, "To: (note a@x.example, bob@example.net,\n carol@example.net\n\n",
-         "<a@x> to <bob@example.net> <carol@example.net>"},
+         "<a@x> to <a@x.example> <bob@example.net> <carol@example.net>"},
         {noRecipient, "To: <bob@example.net, carol@example.net, \"Doe, J\" <j@x>\n\n",
          "<a@x> to <bob@example.net> <carol@example.net> <j@x>"},
         {noRecipient, "To: bob@example.net;carol@example.net\n\n",
@@ -177,6 +178,42 @@ TEST(HeaderScanner, FallbackTakesFirstFromAndFirstToWithItsFolds)
         SCOPED_TRACE(before.substr(0, 80));
         EXPECT_EQ(result.outcome == "daemon" ? result.addresses : result.outcome, row.addresses);
         EXPECT_EQ(result.bytes, before);
+    }
+}
+
+// A stray quote, comment or bracket stays in its own item, a source route
+// stays with its address, and a malformed sender or envelope recipient keeps
+// its text: only a bounce or a missing sender is "<>".
+TEST(HeaderScanner, StrayOpenersStayInTheirItemAndMalformedSendersKeepTheirText)
+{
+    const std::string toOnly = "to <b@y>\nenv-end\n";
+    const struct {
+        std::string envelope, headers, addresses;
+    } rows[] = {
+        {noRecipient, "To: x\"y@x.example, a@x.example, \"Doe, John\" <b@y.example>\n\n",
+         "<a@x> to <x\"y@x.example> <a@x.example> <b@y.example>"},
+        {noRecipient, "To: \"Doe <a@x.example>, \"Roe, Jim\" <b@y.example>\n\n",
+         "<a@x> to <a@x.example> <b@y.example>"},
+        {noRecipient, "To: \"Doe <a@x.example>, b@y.example\n\n",
+         "<a@x> to <a@x.example> <b@y.example>"},
+        {noRecipient, "To: b@y.example, \"Roe <c@z.example>\n\n",
+         "<a@x> to <b@y.example> <c@z.example>"},
+        {noRecipient, "To: team: \"Doe <a@x.example>, b@y.example;, c@z.example\n\n",
+         "<a@x> to <a@x.example> <b@y.example> <c@z.example>"},
+        {noRecipient, "To: <a@x.example, <@route.example:b@y.example>\n\n",
+         "<a@x> to <a@x.example> <b@y.example>"},
+        {noRecipient, "To: <a@x.example, <@r1.example,@r2.example:b@y.example>, c@z.example\n\n",
+         "<a@x> to <a@x.example> <b@y.example> <c@z.example>"},
+        {"from x\"y@x.example\n" + toOnly, "", "<x\"y@x.example> to <b@y>"},
+        {"from <a@[1.2.3.4>\nto x\"y@x.example\nenv-end\n", "", "<a@[1.2.3.4> to <x\"y@x.example>"},
+        {toOnly, "From: \"Doe <a@x.example>\n\n", "<a@x.example> to <b@y>"},
+        {toOnly, "From: a@b@c.example\n\n", "<a@b@c.example> to <b@y>"},
+    };
+    for (const auto& row : rows) {
+        const std::string before = row.envelope + row.headers + "body\n";
+        const ScanResult result = Scan("k", before);
+        SCOPED_TRACE(before.substr(0, 80));
+        EXPECT_EQ(result.outcome == "daemon" ? result.addresses : result.outcome, row.addresses);
     }
 }
 
