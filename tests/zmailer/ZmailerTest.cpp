@@ -275,18 +275,3 @@ TEST_F(Zmailer, CheckReadsTheCompiledPolicy)
 }
 
 } // namespace
-
-int main(int argc, char** argv)
-{
-    ::testing::InitGoogleTest(&argc, argv);
-    try {
-        EnterInstalledView(CMAKE_COMMAND, BUILD_DIR);
-    } catch (const std::exception& failure) {
-        LeaveInstalledView();
-        std::fprintf(stderr, "zmailer_tests: %s\n", failure.what());
-        return 1;
-    }
-    const int status = RUN_ALL_TESTS();
-    LeaveInstalledView();
-    return status;
-}
