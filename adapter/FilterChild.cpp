@@ -16,8 +16,6 @@
 
 #include "platform/ipc/Connection.h"
 
-extern char** environ;
-
 namespace
 {
 
@@ -42,7 +40,17 @@ struct Pipes {
 
 } // namespace
 
-FilterChild::FilterChild(const std::vector<std::string>& argv, Sink stderrSink)
+std::vector<char*> Pointers(const std::vector<std::string>& strings)
+{
+    std::vector<char*> pointers;
+    for (const std::string& text : strings)
+        pointers.push_back(const_cast<char*>(text.c_str()));
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+FilterChild::FilterChild(const std::vector<std::string>& argv,
+                         const std::vector<std::string>& env, Sink stderrSink)
     : sink(std::move(stderrSink))
 {
     Pipes pipes;
@@ -65,11 +73,8 @@ FilterChild::FilterChild(const std::vector<std::string>& argv, Sink stderrSink)
     sigaddset(&defaults, SIGPIPE);
     posix_spawnattr_setsigdefault(&attributes, &defaults);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
-    std::vector<char*> args;
-    for (const std::string& arg : argv)
-        args.push_back(const_cast<char*>(arg.c_str()));
-    args.push_back(nullptr);
-    const int rc = ::posix_spawn(&pid, args[0], &actions, &attributes, args.data(), environ);
+    std::vector<char*> args = Pointers(argv), envp = Pointers(env);
+    const int rc = ::posix_spawn(&pid, args[0], &actions, &attributes, args.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
     if (rc != 0) {

@@ -18,14 +18,19 @@
 
 using Deadline = std::chrono::steady_clock::time_point;
 
+// The NULL-ended pointer array execve wants, pointing into strings.
+std::vector<char*> Pointers(const std::vector<std::string>& strings);
+
 class FilterChild
 {
 public:
     using Sink = std::function<void(const std::string& line)>;
     enum class Event { Line, Overlong, End, Deadline, Watched };
 
-    // Starts argv; when that fails, Started() is false and Failure() says why.
-    FilterChild(const std::vector<std::string>& argv, Sink stderrSink);
+    // Starts argv with the environment env ("NAME=value" each); when that
+    // fails, Started() is false and Failure() says why.
+    FilterChild(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+                Sink stderrSink);
     ~FilterChild();
     FilterChild(const FilterChild&) = delete;
     FilterChild& operator=(const FilterChild&) = delete;

@@ -110,7 +110,8 @@ int RunSetupCheck(const CheckInputs& inputs)
     bool startFailed;
     {
         Supervisor supervisor(
-            {FilterCommand(inputs.filterPath, site), site.errorAction, true, inputs.jobLimit},
+            {FilterCommand(inputs.filterPath, site), FilterEnvironment(site), site.errorAction,
+             true, inputs.jobLimit},
             said);
         reply = supervisor.Answer(spool.path);
         startFailed = supervisor.StartFailed();

@@ -15,6 +15,10 @@
 
 #include <boost/program_options.hpp>
 
+#include "shared/zmailer/Secret.h"
+
+extern char** environ;
+
 namespace po = boost::program_options;
 
 namespace
@@ -25,7 +29,8 @@ po::options_description KnownOptions()
 {
     po::options_description known;
     known.add_options()("error-action,e", po::value<std::string>())(
-        "interface", po::value<std::string>())("timeout,t", po::value<std::string>());
+        "interface", po::value<std::string>())("timeout,t", po::value<std::string>())(
+        "file", po::value<std::string>())("hash", po::value<std::string>());
     return known;
 }
 
@@ -82,10 +87,20 @@ void ReadSiteOptions(const std::string& configPath, const std::string& secretPat
         po::command_line_parser(site.tokens).options(known).allow_unregistered().run();
     po::store(parsed, given);
     site.passOn.clear();
-    for (const po::option& option : parsed.options)
-        if (option.string_key != "interface")
+    for (const po::option& option : parsed.options) {
+        const std::string& key = option.string_key;
+        if (key != "interface" && key != "hash")
             site.passOn.insert(site.passOn.end(), option.original_tokens.begin(),
                                option.original_tokens.end());
+        if (key != "interface" && key != "error-action" && key != "file" && key != "hash")
+            site.routerPassOn.insert(site.routerPassOn.end(), option.original_tokens.begin(),
+                                     option.original_tokens.end());
+    }
+    // A secret written into the options travels the same way as the file's.
+    if (given.count("hash") && site.secret.empty()) {
+        site.secret = given["hash"].as<std::string>();
+        site.secretFault.clear();
+    }
     if (given.count("timeout"))
         site.timeout = std::stoi(given["timeout"].as<std::string>());
     site.hungry = !given.count("interface") || given["interface"].as<std::string>() != "0";
@@ -102,8 +117,27 @@ std::vector<std::string> FilterCommand(const std::string& filter, const SiteOpti
 {
     std::vector<std::string> argv = {filter};
     argv.insert(argv.end(), site.passOn.begin(), site.passOn.end());
-    if (!site.secret.empty())
-        argv.insert(argv.end(), {"--hash", site.secret});
     argv.insert(argv.end(), {"--interface", "1"});
     return argv;
+}
+
+std::vector<std::string> RouterCommand(const std::string& filter, const SiteOptions& site,
+                                       const std::string& file)
+{
+    std::vector<std::string> argv = {filter};
+    argv.insert(argv.end(), site.routerPassOn.begin(), site.routerPassOn.end());
+    argv.insert(argv.end(), {"--error-action", "tempfail", "--file", file});
+    return argv;
+}
+
+std::vector<std::string> FilterEnvironment(const SiteOptions& site)
+{
+    const std::string prefix = std::string(SecretVariable) + "=";
+    std::vector<std::string> env;
+    for (char** entry = environ; *entry != nullptr; ++entry)
+        if (std::strncmp(*entry, prefix.c_str(), prefix.size()) != 0)
+            env.emplace_back(*entry);
+    if (!site.secret.empty())
+        env.push_back(prefix + site.secret);
+    return env;
 }

@@ -13,7 +13,8 @@
 
 struct SiteOptions {
     std::vector<std::string> tokens; // as written in the file
-    std::vector<std::string> passOn; // the tokens without --interface
+    std::vector<std::string> passOn;       // the tokens without --interface and --hash
+    std::vector<std::string> routerPassOn; // nor --error-action and --file
     bool read = false;               // the file was read (its options may be bad)
     int32_t errorAction = 8;         // tempfail until the options are read
     std::string errorActionText;     // as given, empty when absent
@@ -32,6 +33,17 @@ void ReadSiteOptions(const std::string& configPath, const std::string& secretPat
 int32_t ErrorActionCode(const std::string& text);
 
 // The filter's command line: the site's options (their --interface left
-// out), the secret as --hash, and --interface 1, which the adapter always
-// speaks with the filter.
+// out) and --interface 1, which the adapter always speaks with the filter.
 std::vector<std::string> FilterCommand(const std::string& filter, const SiteOptions& site);
+
+// The router stage's command line for one queued file: the site's options
+// without those that make the content-filter mode (--interface,
+// --error-action), then --error-action tempfail, so that every failure
+// freezes the file, and --file.
+std::vector<std::string> RouterCommand(const std::string& filter, const SiteOptions& site,
+                                       const std::string& file);
+
+// The filter's environment: this process's, with the secret (when there is
+// one) in SecretVariable instead of on the command line, where every
+// account could read it.
+std::vector<std::string> FilterEnvironment(const SiteOptions& site);

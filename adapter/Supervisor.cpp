@@ -81,7 +81,7 @@ bool Supervisor::StartFilter(Deadline deadline)
         return false;
     starting = true;
     heldStderr.clear();
-    filter = std::make_unique<FilterChild>(settings.filterCommand, [this](const std::string& line) {
+    filter = std::make_unique<FilterChild>(settings.filterCommand, settings.filterEnvironment, [this](const std::string& line) {
         if (!starting)
             log.Error(line);
         else if (heldStderr.size() < 4096)

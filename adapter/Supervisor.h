@@ -20,7 +20,8 @@
 #include "adapter/LineBuffer.h"
 
 struct SupervisorSettings {
-    std::vector<std::string> filterCommand; // empty: no usable filter
+    std::vector<std::string> filterCommand;     // empty: no usable filter
+    std::vector<std::string> filterEnvironment; // holds the secret
     int32_t errorAction = 8;
     bool hungry = true; // smtpserver's side speaks interface 1
     std::chrono::seconds jobLimit{100};

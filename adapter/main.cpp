@@ -1,7 +1,8 @@
 // adapter/main.cpp: vorex-zmailer-filter, the program smtpserver's
-// "PARAM contentfilter" names. Reads the site's filter options and the
-// secret, then either supervises the filter for smtpserver or, with
-// --check, tries the set-up once. The only place that catches.
+// "PARAM contentfilter" names, and the router-stage snippet runs with
+// --file. Reads the site's filter options and the secret, then supervises
+// the filter for smtpserver, runs it on one queued file, or, with --check,
+// tries the set-up once. The only place that catches.
 #include <signal.h>
 
 #include <chrono>
@@ -12,9 +13,11 @@
 #include <boost/program_options.hpp>
 
 #include "adapter/AdapterLog.h"
+#include "adapter/RouterStage.h"
 #include "adapter/SetupCheck.h"
 #include "adapter/SiteOptions.h"
 #include "adapter/Supervisor.h"
+#include "shared/zmailer/Secret.h"
 
 namespace po = boost::program_options;
 
@@ -24,10 +27,12 @@ namespace
 const char Usage[] =
     "usage: vorex-zmailer-filter [--config FILE] [--filter PATH] [--secret-file FILE]\n"
     "                            [--job-limit SECONDS] [--log-file FILE] [--check]\n"
+    "                            [--file QUEUED-FILE]\n"
     "\n"
     "Runs vorex-zmailer as smtpserver's content filter with the options in the\n"
     "configuration file, and answers every job line with one reply line and\n"
-    "\"#hungry\", also when the filter fails. See vorex-zmailer-filter(8).\n";
+    "\"#hungry\", also when the filter fails. With --file, checks one file of\n"
+    "the router's queue instead (process.cf). See vorex-zmailer-filter(8).\n";
 
 // The longest a job may take; smtpserver itself gives up at 120 s and then
 // accepts the message unchecked.
@@ -37,17 +42,18 @@ const int MaxJobLimit = 110;
 
 int main(int argc, char** argv)
 {
-    std::string configPath, secretPath, filterPath, logFile;
+    std::string configPath, secretPath, filterPath, logFile, queuedFile;
     int jobLimit = 100;
     po::options_description options("Options");
     options.add_options()("help,h", "this text")(
         "config", po::value(&configPath)->default_value(VOREX_CONFIG), "the filter's options")(
         "filter", po::value(&filterPath)->default_value(VOREX_FILTER), "the filter program")(
-        "secret-file", po::value(&secretPath)->default_value("/etc/vorex/secure-hash"),
-        "the secret passed as --hash")("job-limit", po::value(&jobLimit)->default_value(100),
+        "secret-file", po::value(&secretPath)->default_value(SecretFile),
+        "the secret handed to the filter")("job-limit", po::value(&jobLimit)->default_value(100),
                                        "seconds a job may take before the filter is killed")(
         "log-file", po::value(&logFile), "log to this file instead of the system log")(
         "check", "try the set-up once and say what to fix")(
+        "file", po::value(&queuedFile), "router stage: check this queued file and end")(
         ",Z", po::value<std::string>(), "ZMailer's configuration, passed by smtpserver; ignored");
     // Arguments that are not options (smtpserver may pass an address).
     po::options_description all;
@@ -79,6 +85,16 @@ int main(int argc, char** argv)
     } catch (const std::exception& fault) {
         siteFault = fault.what();
     }
+    if (!queuedFile.empty()) {
+        try {
+            AdapterLog log(logFile.empty() ? AdapterLog::Target::Syslog : AdapterLog::Target::File,
+                           logFile);
+            return RunRouterStage(filterPath, site, siteFault, queuedFile, log);
+        } catch (const std::exception& failure) {
+            std::cerr << "vorex-zmailer-filter: " << failure.what() << "\n";
+            return 1;
+        }
+    }
     const std::chrono::seconds limit(jobLimit);
     if (given.count("check")) {
         try {
@@ -102,7 +118,7 @@ int main(int argc, char** argv)
         // the filter, which names them in its failure line.
         Supervisor supervisor(
             {site.read ? FilterCommand(filterPath, site) : std::vector<std::string>{},
-             site.errorAction, site.hungry, limit},
+             FilterEnvironment(site), site.errorAction, site.hungry, limit},
             log);
         supervisor.Run();
         return 0;

@@ -12,6 +12,7 @@
 
 #include <boost/filesystem/path.hpp>
 
+#include "check/KeptOriginal.h"
 #include "check/SpoolFileCloser.h"
 #include "check/VxWorker.h"
 #include "frame/FilterSettings.h"
@@ -126,6 +127,11 @@ VerdictFlags CheckWithDaemon(Receiver& receiver, FILE* spoolStream, const char* 
                                   envelopeSize); // its fsync result is advisory only
         }
         (void)entry->Remove(); // a leftover directory is the daemon's to clean; logged there
+    } else {
+        // Kept: what a release may send is what arrived here, recorded
+        // where the account cannot write.
+        (void)SaveKeptOriginal(boost::filesystem::path(msgPath).parent_path().string(), entryId,
+                               mail, spoolFd, envelopeSize, messageSize); // failure logged there
     }
 
     WriteVerdictReply(verdict, entry->GetReplyText());

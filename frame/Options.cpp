@@ -15,6 +15,7 @@
 
 #include "platform/log/LogClass.h"
 #include "shared/conf/QueltConfParser.h"
+#include "shared/zmailer/Secret.h"
 
 namespace po = boost::program_options;
 
@@ -108,6 +109,17 @@ void ParseOptions(int argc, char** argv, FilterSettings& settings)
     po::variables_map given;
     const po::parsed_options parsed = po::command_line_parser(argc, argv).options(options).run();
     po::store(parsed, given);
+    // The secret may come in the environment instead, which no other account
+    // can read (/proc/PID/environ is the owner's): the adapter and the router
+    // stage hand it over that way. A --hash on the command line wins; the
+    // variable is removed so that nothing this process starts inherits it.
+    po::store(po::parse_environment(options,
+                                    [](const std::string& name) {
+                                        return name == SecretVariable ? std::string("hash")
+                                                                      : std::string();
+                                    }),
+              given);
+    (void)::unsetenv(SecretVariable);
     po::notify(given);
     HideSecret(parsed, argc, argv);
 

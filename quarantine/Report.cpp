@@ -5,16 +5,16 @@
 
 #include "KeptEntry.h"
 
-namespace
-{
-
-std::string Printable(std::string text, bool keepLineEnds = false)
+std::string Printable(std::string text, bool keepLineEnds)
 {
     for (char& c : text)
         if ((c < 0x20 || c > 0x7e) && !(keepLineEnds && c == '\n') && c != '\t')
             c = '?';
     return text;
 }
+
+namespace
+{
 
 std::string Field(const KeptEntry& entry, const char* key)
 {

@@ -10,6 +10,10 @@
 
 struct KeptEntry;
 
+// text with every byte outside printable ASCII (and tab, and line ends
+// when keepLineEnds is set) replaced by '?'.
+std::string Printable(std::string text, bool keepLineEnds = false);
+
 // The verdict word for the daemon's flags ("reject", "tempfail", ...).
 std::string VerdictWord(const std::string& flags);
 

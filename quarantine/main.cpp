@@ -1,9 +1,9 @@
 // quarantine/main.cpp: vorex-quarantine, the admin's view of the entries
 // the daemon keeps after a reject, tempfail or discard: list, show, release
-// (back to the local smtpserver with the secure hash on top, so that the
-// content filter passes it unchecked and cuts the header), delete. Run as
-// root. The one place that catches: a failure is printed and exits 1, a
-// usage error exits 2.
+// (what the filter recorded, queued for ZMailer's router and marked so that
+// the router stage does not check it again), delete. Run as root. The one
+// place that catches: a failure is printed (through the same filter of
+// unprintable bytes as list and show) and exits 1, a usage error exits 2.
 #include <syslog.h>
 
 #include <algorithm>
@@ -17,33 +17,30 @@
 #include <boost/program_options.hpp>
 
 #include "KeptEntry.h"
-#include "ReleaseGuard.h"
+#include "KeptRecord.h"
 #include "Report.h"
-#include "SmtpSubmission.h"
+#include "RouterQueue.h"
 
 namespace po = boost::program_options;
 
 namespace
 {
 
-// smtpserver's content filter may take its whole job limit (100 s by
-// default) before the reply to the end of data.
-const std::chrono::seconds SmtpStepLimit(300);
 const std::size_t MaxAddress = 1000;
 
 struct Options {
-    std::string basedir, smtp, secretFile, zmailerConf;
+    std::string basedir, zmailerConf;
     bool json = false;
     std::vector<std::string> to, words;
 };
 
-// An address for MAIL FROM or RCPT TO: in angle brackets, no control bytes
-// or blanks that would end the command early.
-std::string SmtpPath(const std::string& address)
+// A --to address for an envelope line: in angle brackets, no control
+// bytes or blanks.
+std::string EnvelopeAddress(const std::string& address)
 {
-    if (address.size() > MaxAddress ||
+    if (address.empty() || address.size() > MaxAddress ||
         std::any_of(address.begin(), address.end(), [](char c) { return c <= 0x20 || c == 0x7f; }))
-        throw std::invalid_argument("address '" + address + "' can not be given to SMTP");
+        throw std::invalid_argument("address '" + address + "' can not be a recipient");
     if (address.size() >= 2 && address.front() == '<' && address.back() == '>')
         return address;
     return "<" + address + ">";
@@ -93,32 +90,41 @@ void List(const Options& options)
 
 void Release(const Options& options, const std::string& name)
 {
-    // Every refusal comes before the entry is opened or a byte is sent.
-    const SmtpTarget target = ParseLoopbackTarget(options.smtp);
-    (void)RequireContentFilter(options.zmailerConf);
-    const std::string secret = ReadSecret(options.secretFile);
+    // Every refusal comes before a byte is queued.
+    const RouterQueue queue = FindRouterQueue(options.zmailerConf);
     const MsgsDir msgs(options.basedir);
-    const KeptEntry entry = OpenOrThrow(msgs, name);
-    const std::string sender = SmtpPath(entry.sender.empty() ? "<>" : entry.sender);
+    KeptEntry entry;
+    const std::string fault = OpenEntryDirectory(msgs, name, entry);
+    if (!fault.empty())
+        throw std::logic_error("refused, nothing touched: " + fault);
+    const KeptRecord record = ReadKeptRecord(entry, msgs.path + "/" + name);
+    // The record is what goes out; an envelope that no longer agrees with
+    // it means the account has been at the entry, and the admin should know.
+    const KeptEntry view = OpenOrThrow(msgs, name);
+    if (view.sender != record.sender || view.recipients != record.recipients)
+        throw std::logic_error("refused, nothing sent: " + msgs.path + "/" + name +
+                               "/.envelope no longer says what the filter recorded");
     std::vector<std::string> recipients;
-    for (const std::string& recipient : options.to.empty() ? entry.recipients : options.to)
-        recipients.push_back(SmtpPath(recipient));
+    for (const std::string& recipient : options.to)
+        recipients.push_back(EnvelopeAddress(recipient));
+    if (recipients.empty())
+        recipients = record.recipients;
     if (recipients.empty())
         throw std::invalid_argument("entry " + name + " names no recipient; give --to");
 
-    SmtpSubmission smtp(target.host, target.port, SmtpStepLimit);
-    const std::string reply = smtp.Submit(sender, recipients, "X-Vorex-Hash: " + secret,
-                                          entry.msg.Get(), entry.msgStatus.st_size);
+    const std::string queued =
+        QueueRelease(queue, name, record.sender, recipients, record.file.Get(),
+                     record.messageStart, record.size - record.messageStart);
     std::string to;
     for (const std::string& recipient : recipients)
         to += (to.empty() ? "" : ", ") + recipient;
-    const std::string line = "released " + name + " from " + sender + " to " + to;
+    const std::string line = "released " + name + " from " + record.sender + " to " + to;
     openlog("vorex-quarantine", LOG_PID, LOG_MAIL);
-    syslog(LOG_INFO, "%s (%s)", line.c_str(), reply.c_str());
+    syslog(LOG_INFO, "%s (queued as %s/router/%s)", Printable(line).c_str(),
+           queue.postofficePath.c_str(), queued.c_str());
     closelog();
     RemoveKeptEntry(msgs, entry);
-    (void)smtp.Quit(); // the message is accepted; a lost QUIT changes nothing
-    std::cout << line << "\n";
+    std::cout << Printable(line) << "\n";
 }
 
 int Run(const Options& options)
@@ -143,7 +149,7 @@ int Run(const Options& options)
         const MsgsDir msgs(options.basedir);
         const KeptEntry entry = OpenOrThrow(msgs, options.words[1], true);
         RemoveKeptEntry(msgs, entry);
-        std::cout << "deleted " << options.words[1] << "\n";
+        std::cout << "deleted " << Printable(options.words[1]) << "\n";
     }
     return 0;
 }
@@ -160,10 +166,6 @@ int main(int argc, char** argv)
         "the daemon's base directory (entries in its msgs/)")(
         "json", po::bool_switch(&options.json), "list: one JSON object for scripts")(
         "to", po::value(&options.to)->multitoken(), "release: these recipients instead")(
-        "smtp", po::value(&options.smtp)->default_value("127.0.0.1:25"),
-        "release: the local smtpserver, a loopback address and port")(
-        "secret-file", po::value(&options.secretFile)->default_value("/etc/vorex/secure-hash"),
-        "release: the secure hash the content filter knows")(
         "zmailer-conf", po::value(&options.zmailerConf),
         "release: ZMailer's zmailer.conf (default $ZCONFIG, else /etc/zmailer.conf)");
     po::options_description all;
@@ -181,10 +183,10 @@ int main(int argc, char** argv)
         }
         return Run(options);
     } catch (const po::error& usage) {
-        std::cerr << "vorex-quarantine: " << usage.what() << "\n" << visible;
+        std::cerr << "vorex-quarantine: " << Printable(usage.what()) << "\n" << visible;
         return 2;
     } catch (const std::exception& failure) {
-        std::cerr << "vorex-quarantine: " << failure.what() << "\n";
+        std::cerr << "vorex-quarantine: " << Printable(failure.what()) << "\n";
         return 1;
     }
 }

@@ -70,6 +70,7 @@ TEST_F(CommandLine, SettingsOrTheFirstFailureAndTheLogName)
     const std::string refusedLog = "Error in init log system, a0";
     const struct {
         std::string args, expected;
+        const char* secret = nullptr; // in VOREX_ZMAILER_HASH, the adapter's way
     } rows[] = {
         {"", "i1 t30 /var/vorex/ a1 f h uvorex"},
         {"--basedir ''", "i1 t30 / a1 f h uvorex"},
@@ -94,9 +95,16 @@ TEST_F(CommandLine, SettingsOrTheFirstFailureAndTheLogName)
         {"-e cure --file /spool/A1", "error in param error-action, a0"},
         {"--file /spool/A1", "--file is defined, but --hash is not! Please, set it from "
                              "Sender/SecureHash param., a0"},
+        {"--file /spool/A1", "i1 t30 /var/vorex/ a1 f/spool/A1 hfrom-env uvorex", "from-env"},
+        {"--hash given", "i1 t30 /var/vorex/ a1 f hgiven uvorex", "from-env"},
+        {"--file /spool/A1", "--file is defined, but --hash is not! Please, set it from "
+                             "Sender/SecureHash param., a0", ""},
     };
     for (const auto& row : rows) {
+        if (row.secret != nullptr)
+            ::setenv("VOREX_ZMAILER_HASH", row.secret, 1);
         const std::string failure = Run(row.args);
+        EXPECT_EQ(std::getenv("VOREX_ZMAILER_HASH"), nullptr) << "left for what the filter starts";
         const FilterSettings& s = filterSettings;
         const std::string a = "a" + std::to_string(s.errorAction);
         EXPECT_EQ(failure.empty()

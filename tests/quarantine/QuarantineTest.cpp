@@ -1,14 +1,12 @@
 // tests/quarantine/QuarantineTest.cpp: a message a real clamd rejected
 // through the real filter is kept, listed with its verdict, refused for
-// release where the secret could leak or the account planted a link, then
-// released to a stand-in SMTP receiver; the real filter with the secret
-// passes the received message with every byte of the original.
-#include <regex>
-#include <thread>
+// release where the router queue is unknown or the account planted a link,
+// then released into a router queue folder with every byte the filter
+// recorded. (Release through the real router: tests/zmailer.)
+#include <sys/stat.h>
 
-#include <boost/asio/read_until.hpp>
-#include <boost/asio/streambuf.hpp>
-#include <boost/asio/write.hpp>
+#include <regex>
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -20,58 +18,12 @@ namespace
 {
 
 namespace fs = boost::filesystem;
-namespace asio = boost::asio;
 
-const std::string Secret = "c0ffee15600d";
-
-// Answers one SMTP session with 220/250/354/250 and records the envelope
-// and the message as it was before the transfer's CRLF and dot stuffing.
-struct StandInSmtp {
-    asio::io_context io;
-    asio::ip::tcp::acceptor acceptor{io, {asio::ip::address_v4::loopback(), 0}};
-    std::string envelope, message;
-
-    void Serve()
-    {
-        asio::ip::tcp::socket socket(io);
-        acceptor.accept(socket);
-        asio::streambuf input;
-        const auto say = [&](const std::string& line) { asio::write(socket, asio::buffer(line)); };
-        say("220 stand-in\r\n");
-        for (bool data = false;;) {
-            boost::system::error_code closed;
-            asio::read_until(socket, input, "\r\n", closed);
-            if (closed)
-                return;
-            std::string line;
-            std::istream stream(&input);
-            std::getline(stream, line);
-            line.pop_back(); // the CR
-            if (data && line == ".") {
-                data = false;
-                say("250 queued\r\n");
-            } else if (data) {
-                message += (line.rfind('.', 0) == 0 ? line.substr(1) : line) + "\n";
-            } else if (line == "DATA") {
-                data = true;
-                say("354 go on\r\n");
-            } else {
-                if (line.rfind("MAIL", 0) == 0 || line.rfind("RCPT", 0) == 0)
-                    envelope += line + "\n";
-                say(line == "QUIT" ? "221 bye\r\n" : "250 ok\r\n");
-            }
-        }
-    }
-    // True when nobody connected since the last Serve.
-    bool Untouched()
-    {
-        acceptor.non_blocking(true);
-        asio::ip::tcp::socket socket(io);
-        boost::system::error_code error;
-        acceptor.accept(socket, error);
-        return error == asio::error::would_block;
-    }
-};
+unsigned long InodeOf(const std::string& path)
+{
+    struct stat status;
+    return ::stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
 
 class Quarantine : public ::testing::Test, protected FilterSandbox
 {
@@ -134,64 +86,57 @@ TEST_F(Quarantine, RejectedListedRefusedReleasedAndPassedAgain)
     ASSERT_EQ(account.status, 0) << account.err;
     ASSERT_EQ(::chmod(msgs.c_str(), 01770), 0); // the filter wants its own mode back
 
-    StandInSmtp smtp;
-    const std::string target = "127.0.0.1:" + std::to_string(smtp.acceptor.local_endpoint().port());
-    const std::string zmailerConf = root + "/zmailer.conf", secretFile = root + "/secret";
-    WriteFile(secretFile, Secret + "\n");
-    WriteFile(zmailerConf, "MAILSHARE=" + root + "/share\n");
-    fs::create_directories(root + "/share");
-    const std::vector<std::string> release = {"--smtp", target, "--secret-file", secretFile,
-                                              "--zmailer-conf", zmailerConf, "release"};
+    // ZMailer's queue folders, as a release finds them through zmailer.conf.
+    const std::string postoffice = root + "/postoffice", zmailerConf = root + "/zmailer.conf";
+    for (const char* queue : {"/public", "/router"})
+        fs::create_directories(postoffice + queue);
+    const std::vector<std::string> release = {"--zmailer-conf", zmailerConf, "release"};
     const struct {
         const char* name;
-        std::string entry, smtpserverConf, smtp, fault;
+        std::string entry, zmailerConf, fault;
     } refusals[] = {
-        {"outsideMsgs", "../x", "PARAM contentfilter " VOREX_ZMAILER, target, "no entry name"},
-        {"linkedEntry", "linked", "PARAM contentfilter " VOREX_ZMAILER, target,
-         "open " + msgs + "linked error:"},
-        {"linkedMsg", "planted", "PARAM contentfilter " VOREX_ZMAILER, target,
-         "planted/.msg error:Too many levels of symbolic links"},
-        {"noContentFilter", entry, "PARAM contentfilter /nonexistent", target,
-         "names no executable PARAM contentfilter"},
-        {"notLoopback", entry, "PARAM contentfilter " VOREX_ZMAILER, "192.0.2.1:25",
-         "not a loopback address"},
+        {"outsideMsgs", "../x", "POSTOFFICE=" + postoffice, "no entry name"},
+        {"linkedEntry", "linked", "POSTOFFICE=" + postoffice, "open " + msgs + "linked error:"},
+        {"plantedEntry", "planted", "POSTOFFICE=" + postoffice, "planted/.original is missing"},
+        {"noPostoffice", entry, "MAILSHARE=" + root, "names no POSTOFFICE"},
+        {"postofficeMissing", entry, "POSTOFFICE=" + root + "/nonexistent",
+         "open " + root + "/nonexistent (POSTOFFICE in"},
     };
     const std::string before = Files(entry);
     for (const auto& row : refusals) {
-        WriteFile(root + "/share/smtpserver.conf", row.smtpserverConf + "\n");
+        WriteFile(zmailerConf, row.zmailerConf + "\n");
         std::vector<std::string> args = release;
-        args[1] = row.smtp;
         args.push_back(row.entry);
         RunResult run = Tool(args);
         EXPECT_EQ(run.status, 1) << row.name;
         EXPECT_NE(run.err.find(row.fault), std::string::npos) << row.name << ": " << run.err;
-        EXPECT_TRUE(smtp.Untouched()) << row.name;
+        EXPECT_TRUE(fs::is_empty(postoffice + "/router") && fs::is_empty(postoffice + "/public"))
+            << row.name;
         EXPECT_EQ(Files(entry), before) << row.name;
         EXPECT_EQ(ReadFile(hidden + "/.msg"), original) << row.name;
         EXPECT_TRUE(fs::is_symlink(msgs + "linked") && fs::is_symlink(msgs + "planted/.msg"))
             << row.name;
     }
 
-    WriteFile(root + "/share/smtpserver.conf", "PARAM contentfilter " VOREX_ZMAILER "\n");
-    smtp.acceptor.non_blocking(false);
-    std::thread server([&smtp] { smtp.Serve(); });
+    // Released: the filter's record, queued for the router under its inode
+    // number, with a mark for the router stage; no secret anywhere.
+    WriteFile(zmailerConf, "POSTOFFICE=" + postoffice + "\n");
     std::vector<std::string> args = release;
     args.push_back(entry);
     RunResult run = Tool(args);
-    server.join();
     EXPECT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(smtp.envelope, "MAIL FROM:<alice@corp.example>\nRCPT TO:<partner@other.example>\n"
-                             "RCPT TO:<team+sales@corp.example>\n");
-    EXPECT_EQ(smtp.message, "X-Vorex-Hash: " + Secret + "\n" + original);
+    EXPECT_EQ(run.out, "released " + entry +
+                           " from <alice@corp.example> to <partner@other.example>, "
+                           "<team+sales@corp.example>\n");
+    ASSERT_EQ(std::distance(fs::directory_iterator(postoffice + "/router"), {}), 1);
+    const fs::path queued = fs::directory_iterator(postoffice + "/router")->path();
+    EXPECT_EQ(queued.filename().string(), std::to_string(InodeOf(queued.string())));
+    EXPECT_EQ(ReadFile(queued.string()),
+              "from <alice@corp.example>\nto <partner@other.example>\n"
+              "to <team+sales@corp.example>\nenv-end\n" + infected.substr(envelope.size()));
+    EXPECT_EQ(std::distance(fs::directory_iterator(postoffice + "/vorex-released"), {}), 1);
+    EXPECT_TRUE(fs::is_empty(postoffice + "/public"));
     EXPECT_FALSE(fs::exists(msgs + entry));
-
-    // Back through the filter: passed unchecked (the daemon's pass would
-    // carry its note), the header cut, the spool file the original byte for
-    // byte.
-    RefDaemon daemon(basedir);
-    RunResult again = RunProgram(Args({"--interface", "0", "--hash", Secret}), Spool("back", envelope + smtp.message) + "\n");
-    EXPECT_EQ(again.out, PassLine + "\n") << again.err;
-    EXPECT_EQ(ReadFile(root + "/back"), infected);
 
     EXPECT_EQ(Tool({"delete", "planted"}).status, 0);
     EXPECT_FALSE(fs::exists(msgs + "planted"));

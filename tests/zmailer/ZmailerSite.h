@@ -217,11 +217,11 @@ public:
     void InstallSnippet(const std::string& snippetPath)
     {
         std::string snippet = ReadFile(snippetPath);
-        const std::string installed = "\"/usr/sbin/vorex-zmailer\"";
+        const std::string installed = "\"/usr/sbin/vorex-zmailer-filter\"";
         const std::size_t program = snippet.find(installed);
         if (program == std::string::npos)
             throw std::runtime_error(snippetPath + " names no " + installed);
-        snippet.replace(program, installed.size(), "\"/usr/local/sbin/vorex-zmailer\"");
+        snippet.replace(program, installed.size(), "\"/usr/local/sbin/vorex-zmailer-filter\"");
         std::string process = ReadFile(dir / "share/cf/process.cf");
         const std::string head = "process (file) {\n";
         const std::size_t at = process.find(head);
