@@ -203,6 +203,10 @@ void SendDescriptor(int socket, int descriptor, Deadline deadline)
 std::size_t ReceiveSome(int socket, char* buffer, std::size_t length, Deadline deadline)
 {
     for (;;) {
+        // A peer that never stops sending never makes the socket wait: the
+        // deadline is looked at before each read, not only in poll.
+        if (Clock::now() >= deadline)
+            throw std::domain_error("receive timed out");
         ssize_t count = ::recv(socket, buffer, length, 0);
         if (count >= 0)
             return static_cast<std::size_t>(count);

@@ -47,6 +47,8 @@ bool SendFileContents(int socket, int file, std::size_t length, Deadline deadlin
 void SendDescriptor(int socket, int descriptor, Deadline deadline);
 
 // Reads what is there, at most length bytes; 0 at the peer's end of stream.
+// Throws "receive timed out" once deadline has passed, even while bytes keep
+// coming.
 std::size_t ReceiveSome(int socket, char* buffer, std::size_t length, Deadline deadline);
 
 // Up to length bytes of the message file msg from offset, retrying an
