@@ -4,11 +4,12 @@
 // parser (head at most 64 KiB, body at most 1 MiB, bytes not yet taken by
 // the parser at most 80 KiB: a chunk line that never ends is an error, not a
 // growing buffer) and its JSON read with nlohmann-json, nested at most 64
-// deep (rspamd's answers are 4 deep; the DOM's copies recurse). Header lines rspamd asks for are kept only for the X-Spam-*,
-// X-Spamd-* and X-Rspamd-* fields, a field with a control or non-ASCII byte
-// in its value is dropped whole, and a remove_headers request is not carried
-// out: lines are only ever added on top, so every byte of the message (and
-// any signature over it) stays.
+// deep (rspamd's answers are 4 deep; the DOM's copies recurse). Header
+// lines rspamd asks for are kept only for the X-Spam-*, X-Spamd-* and
+// X-Rspamd-* fields, a field with a control or non-ASCII byte in its value
+// is dropped whole, and a remove_headers request is not carried out: lines
+// are only ever added on top, so every byte of the message (and any
+// signature over it) stays.
 #include "RspamdEngine.h"
 
 #include <cmath>
@@ -27,7 +28,7 @@ namespace
 
 constexpr std::uint64_t MaxBody = 1024 * 1024;
 constexpr std::uint32_t MaxHead = 64 * 1024;
-constexpr std::size_t MaxField = 8 * 1024; // one added field with its folded lines
+constexpr std::size_t MaxField = 8 * 1024;              // one added field with its folded lines
 constexpr std::size_t MaxPending = MaxHead + 16 * 1024; // one line the parser waits to end
 constexpr int MaxDepth = 64;
 // The symbol and option with which rspamd's greylist module marks a message it deferred.
@@ -56,8 +57,8 @@ Response ReadResponse(int socket, Deadline deadline)
         }
         pending.append(block, count);
         if (pending.size() > MaxPending)
-            throw std::logic_error("rspamd answer line longer than " +
-                                   std::to_string(MaxPending) + " bytes");
+            throw std::logic_error("rspamd answer line longer than " + std::to_string(MaxPending) +
+                                   " bytes");
         // The parser takes what it can; a partial head waits for more bytes.
         while (!pending.empty() && !parser.is_done()) {
             const std::size_t used =
@@ -203,8 +204,7 @@ Json ParseAnswer(const std::string& body)
     const Json::parser_callback_t bounded = [](int depth, Json::parse_event_t event, Json&) {
         if (depth >= MaxDepth && (event == Json::parse_event_t::object_start ||
                                   event == Json::parse_event_t::array_start))
-            throw std::logic_error("rspamd answer nested deeper than " +
-                                   std::to_string(MaxDepth));
+            throw std::logic_error("rspamd answer nested deeper than " + std::to_string(MaxDepth));
         return true;
     };
     return Json::parse(body, bounded, false);

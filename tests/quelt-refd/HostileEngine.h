@@ -108,8 +108,8 @@ private:
             std::string request;
             char block[4096];
             ssize_t count = 0;
-            while (client >= 0 && request.find(end) == std::string::npos &&
-                   Ready(client, POLLIN) && (count = ::read(client, block, sizeof block)) > 0)
+            while (client >= 0 && request.find(end) == std::string::npos && Ready(client, POLLIN) &&
+                   (count = ::read(client, block, sizeof block)) > 0)
                 request.append(block, static_cast<std::size_t>(count));
             if (client >= 0 && request.find(end) != std::string::npos)
                 answer(*this, client);

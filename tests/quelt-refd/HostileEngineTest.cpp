@@ -45,7 +45,8 @@ HostileEngine::Answer Reply(const std::string& bytes)
 
 HostileEngine::Answer Flood(const std::string& head, const std::string& repeat)
 {
-    return [head, repeat](HostileEngine& engine, int client) { engine.Flood(client, head, repeat); };
+    return
+        [head, repeat](HostileEngine& engine, int client) { engine.Flood(client, head, repeat); };
 }
 
 std::string Rspamd(const std::string& action, const std::string& more)
@@ -73,38 +74,100 @@ TEST_F(HostileEngines, DaemonStaysAliveSmallAndOnTime)
         std::string reply, headers, logged;
         bool memberStaysUp;
     } rows[] = {
-        {"rspamdHeadersNestedDeep", "--rspamd", false, Message,
+        {"rspamdHeadersNestedDeep",
+         "--rspamd",
+         false,
+         Message,
          Reply(Rspamd("add header", R"(,"milter":{"add_headers":{"X-Spam-Deep":)" + deep + "}}")),
-         {}, Internal, "", "rspamd answer nested deeper than 64", false},
-        {"rspamdChunkExtensionNeverEnds", "--rspamd", false, Message,
+         {},
+         Internal,
+         "",
+         "rspamd answer nested deeper than 64",
+         false},
+        {"rspamdChunkExtensionNeverEnds",
+         "--rspamd",
+         false,
+         Message,
          Flood("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n10;", std::string(65536, 'e')),
-         {}, Internal, "", "rspamd answer line longer than 81920 bytes", false},
-        {"spamdAnswerNeverEnds", "--spamd", false, Message,
+         {},
+         Internal,
+         "",
+         "rspamd answer line longer than 81920 bytes",
+         false},
+        {"spamdAnswerNeverEnds",
+         "--spamd",
+         false,
+         Message,
          Flood(spamdHead + "X-Spam-Flag: NO\r\n\r\n", std::string(65536, 'x') + "\r\n"),
-         {"--engine-timeout", "2"}, Internal, "", "receive timed out", false},
-        {"rspamdBlankFoldedLines", "--rspamd", false, Message,
+         {"--engine-timeout", "2"},
+         Internal,
+         "",
+         "receive timed out",
+         false},
+        {"rspamdBlankFoldedLines",
+         "--rspamd",
+         false,
+         Message,
          Reply(Rspamd("add header", R"(,"milter":{"add_headers":{"X-Spam-Report":)"
                                     R"("first\n \t\n second\n  ","X-Rspamd-Server":"host"}})")),
-         {}, tagged, "X-Rspamd-Server: host\nX-Spam-Report: first\n second\n", "", true},
-        {"spamdBlankFoldedLines", "--spamd", false, Message,
+         {},
+         tagged,
+         "X-Rspamd-Server: host\nX-Spam-Report: first\n second\n",
+         "",
+         true},
+        {"spamdBlankFoldedLines",
+         "--spamd",
+         false,
+         Message,
          Reply(spamdHead + "X-Spam-Status: No, score=1.0\r\n \t \r\n\ttests=NONE\r\n"
                            "X-Spam-Flag: NO\r\n   \r\n\r\n"),
-         {}, PassLine + " clean\n", "X-Spam-Status: No, score=1.0\n\ttests=NONE\nX-Spam-Flag: NO\n",
-         "", true},
-        {"rspamdGreylistActionAlone", "--rspamd", false, Message,
-         Reply(Rspamd("greylist", R"(,"symbols":{"R_SPF_ALLOW":{"name":"R_SPF_ALLOW","score":-0.2}})")),
-         {}, tagged, "X-Spam-Status: Yes, score=6.00 required=15.00 (rspamd)\n", "", true},
-        {"rspamdGreylisted", "--rspamd", false, Message,
+         {},
+         PassLine + " clean\n",
+         "X-Spam-Status: No, score=1.0\n\ttests=NONE\nX-Spam-Flag: NO\n",
+         "",
+         true},
+        {"rspamdGreylistActionAlone",
+         "--rspamd",
+         false,
+         Message,
+         Reply(Rspamd("greylist",
+                      R"(,"symbols":{"R_SPF_ALLOW":{"name":"R_SPF_ALLOW","score":-0.2}})")),
+         {},
+         tagged,
+         "X-Spam-Status: Yes, score=6.00 required=15.00 (rspamd)\n",
+         "",
+         true},
+        {"rspamdGreylisted",
+         "--rspamd",
+         false,
+         Message,
          Reply(Rspamd("greylist", R"(,"symbols":{"GREYLIST":{"name":"GREYLIST","score":0,)"
                                   R"("options":["greylisted","Wed, 25 Nov 2026 16:40:00 UTC"]}})")),
-         {}, TempfailLine + " spam: rspamd score 6.00/15.00, greylist\n", "", "", true},
-        {"clamdTcpStreamLimit", "--clamd", true, streamEnd,
+         {},
+         TempfailLine + " spam: rspamd score 6.00/15.00, greylist\n",
+         "",
+         "",
+         true},
+        {"clamdTcpStreamLimit",
+         "--clamd",
+         true,
+         streamEnd,
          Reply(std::string("INSTREAM size limit exceeded. ERROR") + '\0'),
          {"--limits-exceeded", "reject"},
-         RejectLine + " not checked: INSTREAM size limit exceeded\n", "", "", true},
-        {"clamdUnixStreamLimit", "--clamd", false, std::string(2, '\0'),
+         RejectLine + " not checked: INSTREAM size limit exceeded\n",
+         "",
+         "",
+         true},
+        {"clamdUnixStreamLimit",
+         "--clamd",
+         false,
+         std::string(2, '\0'),
          Reply(std::string("fd[10]: INSTREAM size limit exceeded. ERROR") + '\0'),
-         {}, TempfailLine + " not checked: INSTREAM size limit exceeded\n", "", "", true},
+         {},
+         TempfailLine + " not checked: INSTREAM size limit exceeded\n",
+         "",
+         "",
+         true},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -113,9 +176,9 @@ TEST_F(HostileEngines, DaemonStaysAliveSmallAndOnTime)
         args.insert(args.end(), row.args.begin(), row.args.end());
         RefDaemon daemon(basedir, args);
         const std::string spool = Spool(row.name, Envelope + Message);
-        EXPECT_EQ(RunProgram(Args({"--interface", "0", "--error-action", "tempfail"}), spool + "\n")
-                      .out,
-                  row.reply);
+        EXPECT_EQ(
+            RunProgram(Args({"--interface", "0", "--error-action", "tempfail"}), spool + "\n").out,
+            row.reply);
         EXPECT_EQ(ReadFile(spool), Envelope + row.headers + Message);
         const long peak = PeakKiB(daemon.Pid());
         EXPECT_GT(peak, 0);
@@ -143,13 +206,14 @@ TEST_F(HostileEngines, MetricsAnsweredWhileIdleConnectionsAreOpen)
                              static_cast<unsigned short>(std::stoi(port))});
     }
     const std::string url = "http://127.0.0.1:" + port;
-    const RunResult scrape = RunProgram({"/usr/bin/curl", "-sf", "--max-time", "8", url + "/metrics"});
+    const RunResult scrape =
+        RunProgram({"/usr/bin/curl", "-sf", "--max-time", "8", url + "/metrics"});
     EXPECT_EQ(scrape.status, 0);
     EXPECT_NE(scrape.out.find("\nquelt_build_info{version=\"" VOREX_VERSION "\"} 1\n"),
               std::string::npos)
         << scrape.out;
-    const RunResult wrong = RunProgram(
-        {"/usr/bin/curl", "-s", "--max-time", "8", "-o", "/dev/null", "-w", "%{http_code}", url + "/x"});
+    const RunResult wrong = RunProgram({"/usr/bin/curl", "-s", "--max-time", "8", "-o", "/dev/null",
+                                        "-w", "%{http_code}", url + "/x"});
     EXPECT_EQ(wrong.out, "404");
 }
 
