@@ -36,7 +36,9 @@ EngineAddress UnixSocketAddress(const std::string& path);
 Fd ConnectWithDeadline(const EngineAddress& address, Deadline deadline);
 
 // Writes all length bytes. False when the peer has closed its end (EPIPE,
-// ECONNRESET): the caller may still read the peer's last words.
+// ECONNRESET): the caller may still read the peer's last words. Throws
+// "send timed out" once deadline has passed, even while the peer keeps
+// taking bytes (so does SendFileContents).
 bool SendAll(int socket, const char* data, std::size_t length, Deadline deadline);
 
 // Sends length bytes of file from offset 0 without copying them into memory.
