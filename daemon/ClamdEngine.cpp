@@ -17,6 +17,8 @@ namespace
 constexpr std::size_t MaxAnswer = 4096;
 constexpr std::size_t ChunkSize = 64 * 1024;
 const char LimitsPrefix[] = "Heuristics.Limits.Exceeded";
+// clamd's answer when a stream passes its StreamMaxLength (then ". ERROR").
+const char StreamLimit[] = "INSTREAM size limit exceeded";
 
 bool EndsWith(const std::string& text, const std::string& tail)
 {
@@ -87,18 +89,26 @@ EngineResult ClamdEngine::Check(int msg, const struct stat& status,
     result.summary = "clamd " + answer;
     if (answer == "OK")
         return result;
+    // A limit is a property of the message, answered by the administrator's
+    // rule; thrown, it would mark a sound clamd down.
+    if (answer.compare(0, sizeof StreamLimit - 1, StreamLimit) == 0)
+        return LimitsResult(result, StreamLimit);
     if (!EndsWith(answer, " FOUND"))
         throw std::domain_error("clamd answered '" + answer + "'");
     const std::string name = answer.substr(0, answer.size() - 6);
-    if (name.compare(0, sizeof LimitsPrefix - 1, LimitsPrefix) == 0) {
-        if (limits == LimitsAction::Pass)
-            return result;
-        result.finding = limits == LimitsAction::Reject ? Finding::Reject : Finding::Tempfail;
-        result.note = "not checked: " + name;
-        return result;
-    }
+    if (name.compare(0, sizeof LimitsPrefix - 1, LimitsPrefix) == 0)
+        return LimitsResult(result, name);
     result.finding = Finding::Reject;
     result.note = "infected: " + name;
+    return result;
+}
+
+EngineResult ClamdEngine::LimitsResult(EngineResult result, const std::string& limit) const
+{
+    if (limits == LimitsAction::Pass)
+        return result;
+    result.finding = limits == LimitsAction::Reject ? Finding::Reject : Finding::Tempfail;
+    result.note = "not checked: " + limit;
     return result;
 }
 

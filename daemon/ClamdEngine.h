@@ -1,8 +1,9 @@
 // daemon/ClamdEngine.h: the virus check by ClamAV's clamd. On a
 // Unix socket clamd gets the message's descriptor (zFILDES, SCM_RIGHTS) and
 // reads the file itself; over TCP the bytes go as zINSTREAM chunks. A find
-// rejects with "infected: <signature>"; clamd's size-limit finds
-// (Heuristics.Limits.Exceeded...) map to the administrator's choice; any
+// rejects with "infected: <signature>"; clamd's limit answers (the finds
+// Heuristics.Limits.Exceeded... and "INSTREAM size limit exceeded. ERROR")
+// map to the administrator's choice and are answers, not failures; any other
 // ERROR answer, a closed connection or an answer it cannot read throws.
 #pragma once
 
@@ -26,6 +27,8 @@ private:
     // clamd's answer without its "fd[N]: " or "stream: " label, read to its
     // terminating NUL or the end of the connection.
     std::string ReadAnswer(int socket, Deadline deadline);
+    // result for a message past one of clamd's limits, by the limits rule.
+    EngineResult LimitsResult(EngineResult result, const std::string& limit) const;
     void StreamMessage(int socket, int msg, std::size_t size, Deadline deadline);
 
     const EngineAddress address;

@@ -37,6 +37,14 @@ void WaitFor(int socket, short events, Deadline deadline, const char* what)
     }
 }
 
+// A peer that keeps taking bytes, however slowly, never makes poll wait
+// past the deadline: each transfer looks at it first.
+void CheckDeadline(Deadline deadline, const char* what)
+{
+    if (Clock::now() >= deadline)
+        throw std::domain_error(std::string(what) + " timed out");
+}
+
 bool PeerClosed(int error)
 {
     return error == EPIPE || error == ECONNRESET;
@@ -132,6 +140,7 @@ Fd ConnectWithDeadline(const EngineAddress& address, Deadline deadline)
 bool SendAll(int socket, const char* data, std::size_t length, Deadline deadline)
 {
     while (length > 0) {
+        CheckDeadline(deadline, "send");
         ssize_t count = ::send(socket, data, length, MSG_NOSIGNAL);
         if (count >= 0) {
             data += count;
@@ -160,6 +169,7 @@ bool SendFileContents(int socket, int file, std::size_t length, Deadline deadlin
 {
     off_t offset = 0;
     while (static_cast<std::size_t>(offset) < length) {
+        CheckDeadline(deadline, "send");
         ssize_t count =
             ::sendfile(socket, file, &offset, length - static_cast<std::size_t>(offset));
         if (count > 0)
@@ -203,6 +213,7 @@ void SendDescriptor(int socket, int descriptor, Deadline deadline)
 std::size_t ReceiveSome(int socket, char* buffer, std::size_t length, Deadline deadline)
 {
     for (;;) {
+        CheckDeadline(deadline, "receive");
         ssize_t count = ::recv(socket, buffer, length, 0);
         if (count >= 0)
             return static_cast<std::size_t>(count);

@@ -36,7 +36,9 @@ EngineAddress UnixSocketAddress(const std::string& path);
 Fd ConnectWithDeadline(const EngineAddress& address, Deadline deadline);
 
 // Writes all length bytes. False when the peer has closed its end (EPIPE,
-// ECONNRESET): the caller may still read the peer's last words.
+// ECONNRESET): the caller may still read the peer's last words. Throws
+// "send timed out" once deadline has passed, even while the peer keeps
+// taking bytes (so does SendFileContents).
 bool SendAll(int socket, const char* data, std::size_t length, Deadline deadline);
 
 // Sends length bytes of file from offset 0 without copying them into memory.
@@ -47,6 +49,8 @@ bool SendFileContents(int socket, int file, std::size_t length, Deadline deadlin
 void SendDescriptor(int socket, int descriptor, Deadline deadline);
 
 // Reads what is there, at most length bytes; 0 at the peer's end of stream.
+// Throws "receive timed out" once deadline has passed, even while bytes keep
+// coming.
 std::size_t ReceiveSome(int socket, char* buffer, std::size_t length, Deadline deadline);
 
 // Up to length bytes of the message file msg from offset, retrying an

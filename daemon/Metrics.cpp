@@ -1,5 +1,5 @@
-// daemon/Metrics.cpp: prometheus-cpp's registry and its civetweb exposer
-// behind Metrics. Bucket bounds cover a fast clean pass (milliseconds) up to
+// daemon/Metrics.cpp: prometheus-cpp's registry and text format behind
+// Metrics, served by MetricsListener. Bucket bounds cover a fast clean pass (milliseconds) up to
 // the longest engine deadline a site sets (a minute).
 #include "Metrics.h"
 
@@ -9,12 +9,12 @@
 #include <stdexcept>
 
 #include <prometheus/counter.h>
-#include <prometheus/exposer.h>
 #include <prometheus/gauge.h>
 #include <prometheus/histogram.h>
 #include <prometheus/registry.h>
 #include <prometheus/text_serializer.h>
 
+#include "MetricsListener.h"
 #include "shared/conversation/Conversation.h"
 
 namespace pm = prometheus;
@@ -100,7 +100,7 @@ struct Metrics::Parts {
     pm::Gauge& keptNow = kept.Add({});
     pm::Gauge& oldestNow = oldestKept.Add({});
     std::list<UpstreamSeries> upstreams; // stable addresses
-    std::unique_ptr<pm::Exposer> exposer;
+    std::unique_ptr<MetricsListener> listener;
 };
 
 Metrics::Metrics() : parts(std::make_unique<Parts>())
@@ -110,10 +110,10 @@ Metrics::Metrics() : parts(std::make_unique<Parts>())
     parts->buildInfo.Add({{"version", VOREX_VERSION}}).Set(1);
 }
 
-// The exposer goes first: no scrape runs while the families go.
+// The listener goes first: no scrape runs while the families go.
 Metrics::~Metrics()
 {
-    parts->exposer.reset();
+    parts->listener.reset();
 }
 
 UpstreamSeries* Metrics::AddUpstream(const std::string& engine, const std::string& address)
@@ -132,14 +132,7 @@ UpstreamSeries* Metrics::AddUpstream(const std::string& engine, const std::strin
 
 void Metrics::Serve(const std::string& listen)
 {
-    // civetweb reports a failed bind as an exception of its own, without
-    // the address: it is named here.
-    try {
-        parts->exposer = std::make_unique<pm::Exposer>(listen, 1);
-    } catch (const std::exception& failure) {
-        throw std::domain_error("metrics listener on " + listen + " error:" + failure.what());
-    }
-    parts->exposer->RegisterCollectable(parts->registry);
+    parts->listener = std::make_unique<MetricsListener>(listen, [this] { return Text(); });
 }
 
 std::string Metrics::Text() const

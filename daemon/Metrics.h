@@ -34,8 +34,8 @@ public:
     // Start-up only (takes the families' locks).
     UpstreamSeries* AddUpstream(const std::string& engine, const std::string& address);
 
-    // Binds listen ("HOST:PORT", "[V6]:PORT") and serves /metrics from
-    // threads of its own until destroyed.
+    // Binds listen ("HOST:PORT", "[V6]:PORT") and serves /metrics from a
+    // thread of its own (MetricsListener) until destroyed.
     void Serve(const std::string& listen);
 
     // The registry's text as a scrape gets it (for tests and --check).

@@ -1,12 +1,15 @@
 // daemon/RspamdEngine.cpp: one HTTP/1.1 exchange per message
 // ("Connection: close"): the request head, the message's bytes from its
 // descriptor, then the answer read through the socket helper into Beast's
-// parser (head at most 64 KiB, body at most 1 MiB) and its JSON read with
-// nlohmann-json. Header lines rspamd asks for are kept only for the X-Spam-*,
-// X-Spamd-* and X-Rspamd-* fields, a field with a control or non-ASCII byte
-// in its value is dropped whole, and a remove_headers request is not carried
-// out: lines are only ever added on top, so every byte of the message (and
-// any signature over it) stays.
+// parser (head at most 64 KiB, body at most 1 MiB, bytes not yet taken by
+// the parser at most 80 KiB: a chunk line that never ends is an error, not a
+// growing buffer) and its JSON read with nlohmann-json, nested at most 64
+// deep (rspamd's answers are 4 deep; the DOM's copies recurse). Header
+// lines rspamd asks for are kept only for the X-Spam-*, X-Spamd-* and
+// X-Rspamd-* fields, a field with a control or non-ASCII byte in its value
+// is dropped whole, and a remove_headers request is not carried out: lines
+// are only ever added on top, so every byte of the message (and any
+// signature over it) stays.
 #include "RspamdEngine.h"
 
 #include <cmath>
@@ -25,7 +28,12 @@ namespace
 
 constexpr std::uint64_t MaxBody = 1024 * 1024;
 constexpr std::uint32_t MaxHead = 64 * 1024;
-constexpr std::size_t MaxField = 8 * 1024; // one added field with its folded lines
+constexpr std::size_t MaxField = 8 * 1024;              // one added field with its folded lines
+constexpr std::size_t MaxPending = MaxHead + 16 * 1024; // one line the parser waits to end
+constexpr int MaxDepth = 64;
+// The symbol and option with which rspamd's greylist module marks a message it deferred.
+const char GreylistSymbol[] = "GREYLIST";
+const char GreylistedOption[] = "greylisted";
 const char* const KeptPrefixes[] = {"X-Spam-", "X-Spamd-", "X-Rspamd-"};
 
 using Response = http::response<http::string_body>;
@@ -48,6 +56,9 @@ Response ReadResponse(int socket, Deadline deadline)
             break;
         }
         pending.append(block, count);
+        if (pending.size() > MaxPending)
+            throw std::logic_error("rspamd answer line longer than " + std::to_string(MaxPending) +
+                                   " bytes");
         // The parser takes what it can; a partial head waits for more bytes.
         while (!pending.empty() && !parser.is_done()) {
             const std::size_t used =
@@ -115,26 +126,41 @@ bool IsKeptName(const std::string& name)
     return false;
 }
 
+bool IsBlank(char c)
+{
+    return c == ' ' || c == '\t';
+}
+
 // "Name: value\n" with rspamd's folding kept (a line end followed by a blank
 // or tab), each line ending "\n"; empty when the value has any other control
 // byte, a byte outside ASCII, a line end not followed by a blank, or is too long.
+// A folded line of blanks alone is left out: some parsers take it for the
+// end of the header block.
 std::string FieldLine(const std::string& name, const std::string& value)
 {
     std::string line = name + ": ";
+    std::size_t lineStart = 0; // where the folded line being built starts in line
+    const auto endFoldedLine = [&] {
+        if (lineStart > 0 && line.find_first_not_of(" \t", lineStart) == std::string::npos)
+            line.erase(lineStart - 1); // with its line end
+    };
     for (std::size_t at = 0; at < value.size(); ++at) {
         const char c = value[at];
         if (c == '\r' && at + 1 < value.size() && value[at + 1] == '\n')
             continue;
         if (c == '\n') {
-            if (at + 1 >= value.size() || (value[at + 1] != ' ' && value[at + 1] != '\t'))
+            if (at + 1 >= value.size() || !IsBlank(value[at + 1]))
                 return "";
+            endFoldedLine();
             line += '\n';
+            lineStart = line.size();
             continue;
         }
         if ((c < 0x20 && c != '\t') || c >= 0x7f || c < 0)
             return "";
         line += c;
     }
+    endFoldedLine();
     return line.size() > MaxField ? "" : line + "\n";
 }
 
@@ -152,9 +178,7 @@ std::string AddedHeaders(const Json& answer)
     for (const auto& field : add->items()) {
         if (!IsKeptName(field.key()))
             continue;
-        const Json& given = field.value();
-        const Json items = given.is_array() ? given : Json::array({given});
-        for (const Json& item : items) {
+        const auto addItem = [&](const Json& item) {
             const Json* value = &item;
             if (item.is_object()) {
                 const auto inner = item.find("value");
@@ -162,9 +186,48 @@ std::string AddedHeaders(const Json& answer)
             }
             if (value != nullptr && value->is_string())
                 lines += FieldLine(field.key(), value->get<std::string>());
-        }
+        };
+        const Json& given = field.value();
+        if (given.is_array())
+            for (const Json& item : given)
+                addItem(item);
+        else
+            addItem(given);
     }
     return lines;
+}
+
+// The answer's JSON; throws std::logic_error when it is nested deeper than
+// MaxDepth (before the deeper part is built).
+Json ParseAnswer(const std::string& body)
+{
+    const Json::parser_callback_t bounded = [](int depth, Json::parse_event_t event, Json&) {
+        if (depth >= MaxDepth && (event == Json::parse_event_t::object_start ||
+                                  event == Json::parse_event_t::array_start))
+            throw std::logic_error("rspamd answer nested deeper than " + std::to_string(MaxDepth));
+        return true;
+    };
+    return Json::parse(body, bounded, false);
+}
+
+// Whether rspamd's greylist module deferred this message itself: its
+// symbol carries the option "greylisted" (it does so only when it has a
+// record of the sender and defers it).
+bool GreylistedByRspamd(const Json& answer)
+{
+    const auto symbols = answer.find("symbols");
+    if (symbols == answer.end() || !symbols->is_object())
+        return false;
+    const auto symbol = symbols->find(GreylistSymbol);
+    if (symbol == symbols->end() || !symbol->is_object())
+        return false;
+    const auto options = symbol->find("options");
+    if (options == symbol->end() || !options->is_array())
+        return false;
+    for (const Json& option : *options)
+        if (option.is_string() && option.get<std::string>() == GreylistedOption)
+            return true;
+    return false;
 }
 
 } // namespace
@@ -192,7 +255,7 @@ EngineResult RspamdEngine::Check(int msg, const struct stat& status,
     const Response response = ReadResponse(socket.Get(), deadline);
     if (response.result() != http::status::ok)
         throw std::domain_error("rspamd answered HTTP " + std::to_string(response.result_int()));
-    const Json answer = Json::parse(response.body(), nullptr, false);
+    const Json answer = ParseAnswer(response.body());
     if (answer.is_discarded() || !answer.is_object())
         throw std::logic_error("rspamd answered no JSON object");
     const auto action = answer.find("action");
@@ -204,10 +267,13 @@ EngineResult RspamdEngine::Check(int msg, const struct stat& status,
     if (name == "reject") {
         result.finding = Finding::Reject;
         result.note = "spam: " + scored;
-    } else if (name == "soft reject" || name == "greylist") {
+    } else if (name == "soft reject" || (name == "greylist" && GreylistedByRspamd(answer))) {
         result.finding = Finding::Tempfail;
         result.note = "spam: " + scored + ", " + name;
-    } else if (name == "add header" || name == "rewrite subject") {
+    } else if (name == "add header" || name == "rewrite subject" || name == "greylist") {
+        // A greylist action that no greylisting came with (the module off,
+        // or it let the message through) only says the score is past the
+        // greylist threshold: deferring it would defer every retry.
         result.note = "spam: " + scored + ", tagged";
         result.headers = AddedHeaders(answer);
         if (result.headers.empty())

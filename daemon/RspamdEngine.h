@@ -2,10 +2,12 @@
 // interface: "POST /checkv2" with the envelope as request headers (From, one
 // Rcpt per recipient, Queue-Id = the entry's name) and the message streamed
 // from its descriptor. rspamd's action decides: "reject" rejects with
-// "spam: rspamd score S/T"; "soft reject" and "greylist" tempfail; "add
-// header" and "rewrite subject" tag (the headers rspamd asks for, else one
-// X-Spam-Status line; the Subject is never rewritten, so a signature over it
-// holds); "no action" passes. Anything else throws (the daemon's error).
+// "spam: rspamd score S/T"; "soft reject" tempfails; "greylist" tempfails
+// only when rspamd's greylist module deferred the message (its GREYLIST
+// symbol with the option "greylisted"), else it tags; "add header" and
+// "rewrite subject" tag (the headers rspamd asks for, else one X-Spam-Status
+// line; the Subject is never rewritten, so a signature over it holds); "no
+// action" passes. Anything else throws (the daemon's error).
 #pragma once
 
 #include "Engine.h"

@@ -1,7 +1,8 @@
 // daemon/SpamdEngine.cpp: one request per message, then spamd's
 // answer read line by line to its end: the status line, the "Spam:" line of
 // the answer's headers, then the message's new header block, of which only
-// the X-Spam-* fields (with their folded continuation lines) are kept. The
+// the X-Spam-* fields (with their folded continuation lines, except those of
+// blanks alone) are kept. The
 // block ends at its first empty line; what spamd sends after it (its
 // rewrapping of spam under report_safe) is read and dropped.
 #include "SpamdEngine.h"
@@ -155,6 +156,10 @@ EngineResult SpamdEngine::Check(int msg, const struct stat& status,
         keeping = continuation ? keeping : IsKeptField(line);
         if (keeping && overlong)
             throw std::logic_error("spamd header line too long");
+        // A folded line of blanks alone is left out: some parsers take it
+        // for the end of the header block.
+        if (keeping && continuation && line.find_first_not_of(" \t") == std::string::npos)
+            continue;
         if (keeping) {
             field += line + "\n";
             fieldClean = fieldClean && IsClean(line);

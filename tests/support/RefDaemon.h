@@ -49,6 +49,7 @@ public:
     // What the daemon logged since the last read, up to and with text
     // (all of it when text never came within the bound).
     std::string ReadLogUntil(const std::string& text) { return process->ReadStderrUntil(text); }
+    pid_t Pid() const { return process->Pid(); }
     // What the daemon logged up to and with its "listening on" line.
     std::string startLog;
 
