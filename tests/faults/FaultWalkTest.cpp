@@ -47,10 +47,10 @@ const std::string ErrorReply = TempfailLine + " Internal error\n";
 const std::string StartUpErrorReply = PassLine + " Internal error\n";
 const int Errnos[] = {ENOSPC, EIO, EINTR};
 // The program retries these when they are interrupted: the write-all helper,
-// the block copy's reads, the in-kernel copy, the daemon conversation (and
-// the log back end's own writes).
-const std::set<std::string> RetriedOnEintr = {"read",    "write", "copy_file_range",
-                                              "connect", "send",  "recv"};
+// the block copy's reads, the in-kernel copy, the space reservation, the
+// daemon conversation (and the log back end's own writes).
+const std::set<std::string> RetriedOnEintr = {
+    "read", "write", "copy_file_range", "fallocate", "connect", "send", "recv"};
 // No job makes anywhere near this many calls of one family; reaching it
 // means the fault kept firing, and the walk stops with a failure.
 constexpr long WalkBound = 300;
