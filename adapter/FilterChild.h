@@ -1,7 +1,8 @@
 // adapter/FilterChild.h: one run of the filter as a child process, its
-// standard input, output and error on pipes of their own. Owns the child:
-// the destructor kills and reaps one that is still there. Lines on its
-// standard error go to the sink as they come.
+// standard input, output and error on pipes of their own and no other
+// descriptor; it dies with the adapter. Owns the child: the destructor kills
+// and reaps one that is still there. Lines on its standard error go to the
+// sink as they come.
 // A failed pipe or spawn is reported as text (the caller answers for the
 // job); a failed read or poll throws std::domain_error.
 #pragma once

@@ -4,9 +4,12 @@
 // played daemon. Each row meets one fault with its first job, then the
 // fault goes, a good daemon comes, and a second job must get a fresh
 // filter's answer; the end of input ends both with status 0. Then --check.
+#include <fcntl.h>
 #include <signal.h>
 
+#include <map>
 #include <regex>
+#include <set>
 
 #include <boost/algorithm/string.hpp>
 #include <gtest/gtest.h>
@@ -72,6 +75,28 @@ protected:
         return std::stoi("0" + ReadFile("/proc/" + task + "/task/" + task + "/children"));
     }
 };
+
+// What the descriptors of process pid from first on refer to ("pipe:[N]",
+// a path), by number.
+std::map<int, std::string> OpenFiles(pid_t pid, int first = 0)
+{
+    std::map<int, std::string> files;
+    const std::string dir = "/proc/" + std::to_string(pid) + "/fd";
+    for (const auto& fd : boost::filesystem::directory_iterator(dir)) {
+        const int number = std::stoi(fd.path().filename().string());
+        if (number >= first)
+            files[number] = boost::filesystem::read_symlink(fd.path()).string();
+    }
+    return files;
+}
+
+// Whether process pid still runs (a zombie has ended).
+bool Runs(pid_t pid)
+{
+    const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+    const std::size_t end = stat.rfind(')');
+    return end != std::string::npos && end + 2 < stat.size() && stat[end + 2] != 'Z';
+}
 
 TEST_F(Adapter, EveryJobGetsOneReplyAndAFreshFilterAfterAFailure)
 {
@@ -175,6 +200,37 @@ TEST_F(Adapter, EveryJobGetsOneReplyAndAFreshFilterAfterAFailure)
         EXPECT_TRUE(std::regex_search(log, std::regex(row.logged))) << log;
         EXPECT_EQ(log.find("at shutdown"), std::string::npos) << log;
     }
+}
+
+// The filter holds its three pipes and what it opens itself, none of the
+// adapter's descriptors (smtpserver leaves its client's socket open, for
+// one); and it goes with the adapter, also when the adapter is killed.
+TEST_F(Adapter, FilterGetsOnlyItsPipesAndDiesWithTheAdapter)
+{
+    // The job outlasts the wait below, so that only a filter that is killed
+    // ends within it.
+    RefDaemon daemon(basedir, {"--delay-ms", "60000"});
+    WriteFile(root + "/inherited", "");
+    const int inherited = ::open((root + "/inherited").c_str(), O_RDONLY); // no close-on-exec
+    const std::unique_ptr<ChildProcess> adapter = Start("-e tempfail");
+    ::close(inherited);
+    EXPECT_EQ(adapter->ReadStdoutUntil(Hungry), Hungry);
+    adapter->Write(Spool("first", ReadFile(EXAMPLE_SPOOL "/01-clean.spool")) + "\n");
+    const pid_t filter = FilterInAJob(*adapter);
+    ASSERT_GT(filter, 0);
+
+    std::set<std::string> adapters;
+    for (const auto& file : OpenFiles(adapter->Pid(), 3))
+        adapters.insert(file.second);
+    ASSERT_EQ(adapters.count(root + "/inherited"), 1u) << "the adapter inherits the descriptor";
+    // Its 0 to 2 are the other ends of the adapter's pipes (the same names).
+    for (const auto& file : OpenFiles(filter, 3))
+        EXPECT_EQ(adapters.count(file.second), 0u) << file.first << " -> " << file.second;
+
+    adapter->Signal(SIGKILL);
+    for (int waited = 0; waited < ChildProcess::BoundMs && Runs(filter); waited += 10)
+        (void)::poll(nullptr, 0, 10);
+    EXPECT_FALSE(Runs(filter)) << "the filter outlived the adapter";
 }
 
 TEST_F(Adapter, CheckNamesEachFault)
