@@ -225,7 +225,8 @@ void FilterChild::PassStderr()
         sink(line);
 }
 
-std::string FilterChild::Finish(Deadline deadline, bool killFirst)
+std::string FilterChild::Finish(Deadline deadline, bool killFirst,
+                                const std::function<void(pid_t)>& whileDead)
 {
     CloseFd(input);
     if (killFirst)
@@ -240,6 +241,15 @@ std::string FilterChild::Finish(Deadline deadline, bool killFirst)
     int status = 0;
     if (output >= 0 || errors >= 0)
         (void)::kill(pid, SIGKILL); // past the deadline: no longer waited for
+    if (whileDead) {
+        siginfo_t ended;
+        int rc;
+        while ((rc = ::waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOWAIT)) < 0 &&
+               errno == EINTR)
+            ;
+        if (rc == 0)
+            whileDead(pid);
+    }
     while (::waitpid(pid, &status, 0) < 0 && errno == EINTR)
         ;
     pid = -1;

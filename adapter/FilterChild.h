@@ -46,9 +46,11 @@ public:
     Event Next(std::string& line, Deadline deadline, int watchFd = -1);
     // Closes the child's input, lets it end by the deadline (its output is
     // dropped, its standard error still goes to the sink), kills it when it
-    // has not, and reaps it. Returns how it ended ("exit status 0",
-    // "killed by signal 9"). Once only.
-    std::string Finish(Deadline deadline, bool killFirst = false);
+    // has not, and reaps it; whileDead, when given, runs between its end and
+    // the reap (its process id is not free yet). Returns how it ended ("exit
+    // status 0", "killed by signal 9"). Once only.
+    std::string Finish(Deadline deadline, bool killFirst = false,
+                       const std::function<void(pid_t)>& whileDead = {});
 
 private:
     // Polls output and error (and watchFd) until one has something or the

@@ -109,9 +109,11 @@ int RunSetupCheck(const CheckInputs& inputs)
     std::string reply, startOutput;
     bool startFailed;
     {
+        // No base directory: the check's filter is not swept after (it ends
+        // with its job, and its entry with it).
         Supervisor supervisor(
             {FilterCommand(inputs.filterPath, site), FilterEnvironment(site), site.errorAction,
-             true, inputs.jobLimit},
+             true, inputs.jobLimit, ""},
             said);
         reply = supervisor.Answer(spool.path);
         startFailed = supervisor.StartFailed();

@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
@@ -25,6 +26,7 @@ struct SupervisorSettings {
     int32_t errorAction = 8;
     bool hungry = true; // smtpserver's side speaks interface 1
     std::chrono::seconds jobLimit{100};
+    std::string basedir; // the filter's, ending in "/"; empty: not known
 };
 
 class Supervisor
@@ -50,8 +52,10 @@ public:
 private:
     std::string FailureReply() const;
     bool StartFilter(Deadline deadline);
-    // Ends the filter (killed first when kill is set) and logs why.
-    void EndFilter(const std::string& why, bool kill);
+    // Ends the filter (killed first when kill is set) and logs why. In a job
+    // begun at jobStart (the clock's seconds; 0: between jobs), the entries
+    // it left are removed.
+    void EndFilter(const std::string& why, bool kill, time_t jobStart = 0);
     // The next job line from smtpserver; false at the end of the input.
     bool NextJob(std::string& line, bool& overlong);
 

@@ -118,7 +118,7 @@ int main(int argc, char** argv)
         // the filter, which names them in its failure line.
         Supervisor supervisor(
             {site.read ? FilterCommand(filterPath, site) : std::vector<std::string>{},
-             FilterEnvironment(site), site.errorAction, site.hungry, limit},
+             FilterEnvironment(site), site.errorAction, site.hungry, limit, site.basedir},
             log);
         supervisor.Run();
         return 0;

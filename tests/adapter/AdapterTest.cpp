@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <signal.h>
 
+#include <iostream>
 #include <map>
 #include <regex>
 #include <set>
@@ -231,6 +232,52 @@ TEST_F(Adapter, FilterGetsOnlyItsPipesAndDiesWithTheAdapter)
     for (int waited = 0; waited < ChildProcess::BoundMs && Runs(filter); waited += 10)
         (void)::poll(nullptr, 0, 10);
     EXPECT_FALSE(Runs(filter)) << "the filter outlived the adapter";
+}
+
+// A filter killed while it writes a changed message back leaves no entry
+// behind: the adapter removes it. The kill comes as soon as the spool file
+// shows the daemon's header, or a few milliseconds later, so that it meets
+// the rewrite at a different point each run.
+TEST_F(Adapter, FilterKilledInAWriteBackLeavesNoEntry)
+{
+    constexpr int RunCount = 50;
+    RefDaemon daemon(basedir, {"--add-header", "X-Checked: yes"});
+    const std::unique_ptr<ChildProcess> adapter = Start("-e tempfail");
+    EXPECT_EQ(adapter->ReadStdoutUntil(Hungry), Hungry);
+    std::string large = ReadFile(EXAMPLE_SPOOL "/01-clean.spool");
+    const std::size_t message = large.find("env-end\n") + 8;
+    for (int line = 0; large.size() < 32 * 1024 * 1024; ++line)
+        large += "line " + std::to_string(line) + " of a large message body\n";
+    const std::string task = std::to_string(adapter->Pid());
+    int killed = 0;
+    for (int run = 0; run < RunCount; ++run) {
+        SCOPED_TRACE("run " + std::to_string(run));
+        const std::string spool = Spool("large", large);
+        adapter->Write(spool + "\n");
+        const int fd = ::open(spool.c_str(), O_RDONLY);
+        char start[9] = {};
+        for (int waited = 0; waited < ChildProcess::BoundMs; ++waited) {
+            if (::pread(fd, start, sizeof start, static_cast<off_t>(message)) == sizeof start &&
+                std::string(start, sizeof start) == "X-Checked")
+                break;
+            (void)::poll(nullptr, 0, 1);
+        }
+        ::close(fd);
+        (void)::poll(nullptr, 0, run % 4);
+        const pid_t filter =
+            std::stoi("0" + ReadFile("/proc/" + task + "/task/" + task + "/children"));
+        if (filter > 0) // never 0: that would be this test's own process group
+            ::kill(filter, SIGKILL);
+        const std::string reply = adapter->ReadStdoutUntil(Hungry);
+        EXPECT_TRUE(reply == TempfailLine + Oops + Hungry || reply == Clean + Hungry) << reply;
+        killed += reply != Clean + Hungry;
+        EXPECT_EQ(EntryCount(), 0u) << "entries left";
+        if (HasFailure())
+            break;
+    }
+    std::cout << "[ kills ] " << killed << " of " << RunCount << " runs killed the filter\n";
+    EXPECT_GT(killed, 0);
+    EXPECT_EQ(adapter->Wait(), 0);
 }
 
 TEST_F(Adapter, CheckNamesEachFault)
