@@ -78,7 +78,11 @@ bool Supervisor::NextJob(std::string& line, bool& overlong)
 
 bool Supervisor::StartFilter(Deadline deadline)
 {
-    if (settings.filterCommand.empty() || Clock::now() < nextStart)
+    if (Clock::now() < nextStart)
+        return false;
+    if (reread)
+        reread(settings);
+    if (settings.filterCommand.empty())
         return false;
     starting = true;
     heldStderr.clear();

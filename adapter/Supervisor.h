@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -37,6 +38,12 @@ public:
     Supervisor(const Supervisor&) = delete;
     Supervisor& operator=(const Supervisor&) = delete;
 
+    // Called before each filter start to bring the filter command, the error
+    // action and the base directory up to date (the site's file as it is
+    // then); the interface towards smtpserver and the job limit stay.
+    using Reader = std::function<void(SupervisorSettings& settings)>;
+    void SetReader(Reader reader) { reread = std::move(reader); }
+
     // Relays job lines from descriptor 0 and replies to descriptor 1 until
     // the input ends; then lets the filter end.
     void Run();
@@ -59,7 +66,8 @@ private:
     // The next job line from smtpserver; false at the end of the input.
     bool NextJob(std::string& line, bool& overlong);
 
-    const SupervisorSettings settings;
+    SupervisorSettings settings;
+    Reader reread;
     AdapterLog& log;
     std::unique_ptr<FilterChild> filter; // started and waiting for a job
     LineBuffer jobs;

@@ -39,11 +39,17 @@ class Adapter : public ::testing::Test, protected FilterSandbox
 protected:
     Adapter() { WriteFile(root + "/secret", "s3cret\n"); }
 
-    // The site's options in a file, the adapter started on it.
-    std::unique_ptr<ChildProcess> Start(const std::string& options, const Words& extra = {})
+    // The site's options in the file.
+    void Configure(const std::string& options)
     {
         WriteFile(root + "/conf", "# the sandbox\n--basedir " + basedir + " --user nobody\n" +
                                       "--log-filename " + basedir + "zmailer.log " + options);
+    }
+
+    // The site's options in a file, the adapter started on it.
+    std::unique_ptr<ChildProcess> Start(const std::string& options, const Words& extra = {})
+    {
+        Configure(options);
         Words args = {ADAPTER,
                       "-Z",
                       "/etc/zmailer/zmailer.conf",
@@ -280,6 +286,19 @@ TEST_F(Adapter, FilterKilledInAWriteBackLeavesNoEntry)
     EXPECT_EQ(adapter->Wait(), 0);
 }
 
+// An edit of the options file counts from the next filter on: after a
+// failure, the fresh filter runs with what the file says then.
+TEST_F(Adapter, FreshFilterTakesTheEditedOptions)
+{
+    const std::unique_ptr<ChildProcess> adapter = Start("-e tempfail");
+    EXPECT_EQ(adapter->ReadStdoutUntil(Hungry), Hungry);
+    // No daemon: the filter answers its error action and ends.
+    EXPECT_EQ(Job(*adapter, "first", Hungry), TempfailLine + Oops + Hungry);
+    Configure("-e discard");
+    EXPECT_EQ(Job(*adapter, "second", Hungry), DiscardLine + Oops + Hungry);
+    EXPECT_EQ(adapter->Wait(), 0);
+}
+
 TEST_F(Adapter, CheckNamesEachFault)
 {
     const struct {
@@ -288,7 +307,11 @@ TEST_F(Adapter, CheckNamesEachFault)
         std::string said;
         int status;
     } rows[] = {
-        {"", true, "(ok [^\n]*\n){3}ok a test message was answered '" + Clean.substr(0, 33) + "'\n",
+        {"", true,
+         "(ok [^\n]*\n){3}ok a filter started now runs " VOREX_ZMAILER " --basedir \\S+ --user "
+         "nobody --log-filename \\S+ --interface 1 \\(the secret in its environment\\)\n"
+         "ok a test message was answered '" +
+             Clean.substr(0, 33) + "'\n",
          0},
         {"", false,
          "PROBLEM a test message was answered '" + RejectLine +
