@@ -298,7 +298,12 @@ void Server::Serve(int client)
         if (report) {
             if (settings.metrics != nullptr)
                 settings.metrics->SpoolFsyncFailed();
-            Say(LOG_ERR, dir + ": the filter's flush of the rewritten spool file failed");
+            // Whoever may connect names the path: printable ASCII only.
+            std::string named = dir;
+            for (char& c : named)
+                if (c < 0x20 || c > 0x7e)
+                    c = '?';
+            Say(LOG_ERR, named + ": the filter's flush of the rewritten spool file failed");
             return;
         }
         if (settings.delayMs > 0) {
