@@ -4,7 +4,8 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,6 +39,58 @@ struct Pipes {
     }
 };
 
+// Closes every descriptor from first to last (both included) that is open.
+// Async-signal-safe: the child between fork and exec calls it.
+void CloseRange(unsigned first, unsigned last)
+{
+    if (first > last || ::close_range(first, last, 0) == 0)
+        return;
+    // A kernel before 5.9: one by one, up to the descriptor limit.
+    rlimit limit;
+    const unsigned top = ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < 1048576
+                             ? limit.rlim_cur
+                             : 1048576;
+    for (unsigned fd = first; fd <= last && fd < top; ++fd)
+        (void)::close(static_cast<int>(fd)); // most are not open
+}
+
+// The child's side between fork and exec, async-signal-safe calls only: the
+// three pipes become its standard descriptors and it keeps nothing else
+// (the adapter's log, smtpserver's other descriptors, another child's pipes);
+// it dies with the adapter, also when the adapter is killed, so that no
+// filter goes on rewriting a spool file that smtpserver has given up on; it
+// gets SIGPIPE's default back (ignored here). An errno on reportFd when the
+// exec fails.
+[[noreturn]] void RunChild(const int (&fds)[3][2], int reportFd, pid_t adapter, char** args,
+                           char** envp)
+{
+    int error = 0;
+    for (int fd = 0; fd < 3 && error == 0; ++fd)
+        if (::dup2(fds[fd][fd == 0 ? 0 : 1], fd) < 0)
+            error = errno;
+    if (error == 0) {
+        // The report pipe stays until the exec (close-on-exec).
+        CloseRange(3, static_cast<unsigned>(reportFd) - 1);
+        CloseRange(static_cast<unsigned>(reportFd) + 1, ~0U);
+        // Set before the check: an adapter that died before the death signal
+        // was armed shows as a new parent, and the child goes at once.
+        if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0)
+            error = errno;
+        else if (::getppid() != adapter)
+            ::_exit(127);
+    }
+    struct sigaction byDefault = {};
+    byDefault.sa_handler = SIG_DFL;
+    if (error == 0 && ::sigaction(SIGPIPE, &byDefault, nullptr) != 0)
+        error = errno;
+    if (error == 0) {
+        ::execve(args[0], args, envp);
+        error = errno;
+    }
+    (void)!::write(reportFd, &error, sizeof error); // the parent reads the end of the pipe too
+    ::_exit(127);
+}
+
 } // namespace
 
 std::vector<char*> Pointers(const std::vector<std::string>& strings)
@@ -59,27 +112,34 @@ FilterChild::FilterChild(const std::vector<std::string>& argv,
             failure = std::string("pipe error:") + std::strerror(errno);
             return;
         }
-    posix_spawn_file_actions_t actions;
-    posix_spawnattr_t attributes;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawnattr_init(&attributes);
-    // The child reads the first pipe and writes the others.
-    for (int fd = 0; fd < 3; ++fd)
-        posix_spawn_file_actions_adddup2(&actions, pipes.fds[fd][fd == 0 ? 0 : 1], fd);
-    // SIGPIPE is ignored here (a child that is gone must not end us); the
-    // filter gets its default back.
-    sigset_t defaults;
-    sigemptyset(&defaults);
-    sigaddset(&defaults, SIGPIPE);
-    posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+    // The child reports a failed exec here; the pipe's end says it ran.
+    int report[2];
+    if (::pipe2(report, O_CLOEXEC) != 0) {
+        failure = std::string("pipe error:") + std::strerror(errno);
+        return;
+    }
     std::vector<char*> args = Pointers(argv), envp = Pointers(env);
-    const int rc = ::posix_spawn(&pid, args[0], &actions, &attributes, args.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
-    if (rc != 0) {
+    const pid_t adapter = ::getpid();
+    pid = ::fork();
+    if (pid == 0)
+        RunChild(pipes.fds, report[1], adapter, args.data(), envp.data());
+    const int forkError = errno;
+    (void)::close(report[1]); // ours to read only
+    if (pid < 0) {
+        (void)::close(report[0]);
+        failure = std::string("fork error:") + std::strerror(forkError);
+        return;
+    }
+    int error = 0;
+    ssize_t got;
+    while ((got = ::read(report[0], &error, sizeof error)) < 0 && errno == EINTR)
+        ;
+    (void)::close(report[0]);
+    if (got > 0) {
+        while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR)
+            ;
         pid = -1;
-        failure = "can not run " + argv[0] + ":" + std::strerror(rc);
+        failure = "can not run " + argv[0] + ":" + std::strerror(error);
         return;
     }
     input = std::exchange(pipes.fds[0][1], -1);
@@ -165,7 +225,8 @@ void FilterChild::PassStderr()
         sink(line);
 }
 
-std::string FilterChild::Finish(Deadline deadline, bool killFirst)
+std::string FilterChild::Finish(Deadline deadline, bool killFirst,
+                                const std::function<void(pid_t)>& whileDead)
 {
     CloseFd(input);
     if (killFirst)
@@ -180,6 +241,15 @@ std::string FilterChild::Finish(Deadline deadline, bool killFirst)
     int status = 0;
     if (output >= 0 || errors >= 0)
         (void)::kill(pid, SIGKILL); // past the deadline: no longer waited for
+    if (whileDead) {
+        siginfo_t ended;
+        int rc;
+        while ((rc = ::waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOWAIT)) < 0 &&
+               errno == EINTR)
+            ;
+        if (rc == 0)
+            whileDead(pid);
+    }
     while (::waitpid(pid, &status, 0) < 0 && errno == EINTR)
         ;
     pid = -1;

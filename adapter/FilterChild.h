@@ -1,7 +1,8 @@
 // adapter/FilterChild.h: one run of the filter as a child process, its
-// standard input, output and error on pipes of their own. Owns the child:
-// the destructor kills and reaps one that is still there. Lines on its
-// standard error go to the sink as they come.
+// standard input, output and error on pipes of their own and no other
+// descriptor; it dies with the adapter. Owns the child: the destructor kills
+// and reaps one that is still there. Lines on its standard error go to the
+// sink as they come.
 // A failed pipe or spawn is reported as text (the caller answers for the
 // job); a failed read or poll throws std::domain_error.
 #pragma once
@@ -45,9 +46,11 @@ public:
     Event Next(std::string& line, Deadline deadline, int watchFd = -1);
     // Closes the child's input, lets it end by the deadline (its output is
     // dropped, its standard error still goes to the sink), kills it when it
-    // has not, and reaps it. Returns how it ended ("exit status 0",
-    // "killed by signal 9"). Once only.
-    std::string Finish(Deadline deadline, bool killFirst = false);
+    // has not, and reaps it; whileDead, when given, runs between its end and
+    // the reap (its process id is not free yet). Returns how it ended ("exit
+    // status 0", "killed by signal 9"). Once only.
+    std::string Finish(Deadline deadline, bool killFirst = false,
+                       const std::function<void(pid_t)>& whileDead = {});
 
 private:
     // Polls output and error (and watchFd) until one has something or the

@@ -104,14 +104,23 @@ int RunSetupCheck(const CheckInputs& inputs)
 
     if (!site.read)
         return 1; // no options to try the filter with
+    // What the next filter runs with; the secret travels in its environment
+    // and is not shown.
+    std::string command;
+    for (const std::string& word : FilterCommand(inputs.filterPath, site))
+        command += (command.empty() ? "" : " ") + word;
+    found.Ok("a filter started now runs " + command +
+             (site.secret.empty() ? "" : " (the secret in its environment)"));
     AdapterLog said(AdapterLog::Target::Memory);
     const TestSpool spool;
     std::string reply, startOutput;
     bool startFailed;
     {
+        // No base directory: the check's filter is not swept after (it ends
+        // with its job, and its entry with it).
         Supervisor supervisor(
             {FilterCommand(inputs.filterPath, site), FilterEnvironment(site), site.errorAction,
-             true, inputs.jobLimit},
+             true, inputs.jobLimit, ""},
             said);
         reply = supervisor.Answer(spool.path);
         startFailed = supervisor.StartFailed();

@@ -30,7 +30,8 @@ po::options_description KnownOptions()
     po::options_description known;
     known.add_options()("error-action,e", po::value<std::string>())(
         "interface", po::value<std::string>())("timeout,t", po::value<std::string>())(
-        "file", po::value<std::string>())("hash", po::value<std::string>());
+        "file", po::value<std::string>())("hash", po::value<std::string>())(
+        "basedir,b", po::value<std::string>());
     return known;
 }
 
@@ -103,6 +104,11 @@ void ReadSiteOptions(const std::string& configPath, const std::string& secretPat
     }
     if (given.count("timeout"))
         site.timeout = std::stoi(given["timeout"].as<std::string>());
+    if (given.count("basedir")) {
+        site.basedir = given["basedir"].as<std::string>();
+        if (site.basedir.empty() || site.basedir.back() != '/')
+            site.basedir += '/';
+    }
     site.hungry = !given.count("interface") || given["interface"].as<std::string>() != "0";
     site.errorActionText =
         given.count("error-action") ? given["error-action"].as<std::string>() : "";

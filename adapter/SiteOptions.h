@@ -20,6 +20,7 @@ struct SiteOptions {
     std::string errorActionText;     // as given, empty when absent
     bool hungry = true;              // smtpserver's side speaks interface 1
     int timeout = 30;                // the filter's --timeout in seconds
+    std::string basedir = "/var/vorex/"; // the filter's --basedir, ending in "/"
     std::string secret;              // first line of the secret file, or empty
     std::string secretFault;         // why there is none
 };

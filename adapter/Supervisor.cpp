@@ -1,6 +1,7 @@
 // adapter/Supervisor.cpp: the relay between smtpserver and the filter.
 #include "adapter/Supervisor.h"
 
+#include "adapter/LeftEntries.h"
 #include "frame/Protocol.h"
 #include "platform/ipc/Connection.h"
 
@@ -77,7 +78,11 @@ bool Supervisor::NextJob(std::string& line, bool& overlong)
 
 bool Supervisor::StartFilter(Deadline deadline)
 {
-    if (settings.filterCommand.empty() || Clock::now() < nextStart)
+    if (Clock::now() < nextStart)
+        return false;
+    if (reread)
+        reread(settings);
+    if (settings.filterCommand.empty())
         return false;
     starting = true;
     heldStderr.clear();
@@ -109,11 +114,12 @@ bool Supervisor::StartFilter(Deadline deadline)
 std::string Supervisor::Answer(const std::string& jobLine)
 {
     const Deadline deadline = Clock::now() + settings.jobLimit;
+    const time_t jobStart = std::time(nullptr);
     startFailed = !filter && !StartFilter(deadline);
     if (startFailed)
         return FailureReply();
     if (!filter->Send(jobLine + "\n")) {
-        EndFilter("took no job", true);
+        EndFilter("took no job", true, jobStart);
         return FailureReply();
     }
     // Its reply is the last whole line before "#hungry"; a filter that fails
@@ -127,16 +133,17 @@ std::string Supervisor::Answer(const std::string& jobLine)
                 continue;
             }
             if (reply.empty())
-                EndFilter("answered nothing", true);
+                EndFilter("answered nothing", true, jobStart);
             break;
         case FilterChild::Event::End:
-            EndFilter("ended in a job", false);
+            EndFilter("ended in a job", false, jobStart);
             break;
         case FilterChild::Event::Deadline:
-            EndFilter("no answer within " + std::to_string(settings.jobLimit.count()) + " s", true);
+            EndFilter("no answer within " + std::to_string(settings.jobLimit.count()) + " s", true,
+                      jobStart);
             break;
         default: // Overlong, or Watched, which is never asked for here
-            EndFilter("wrote an overlong line", true);
+            EndFilter("wrote an overlong line", true, jobStart);
             reply.clear();
             break;
         }
@@ -144,11 +151,19 @@ std::string Supervisor::Answer(const std::string& jobLine)
     }
 }
 
-void Supervisor::EndFilter(const std::string& why, bool kill)
+void Supervisor::EndFilter(const std::string& why, bool kill, time_t jobStart)
 {
-    const std::string how = filter->Finish(Clock::now() + settings.jobLimit, kill);
+    LeftEntriesSweep sweep;
+    const std::string how = filter->Finish(Clock::now() + settings.jobLimit, kill, [&](pid_t pid) {
+        if (jobStart != 0 && !settings.basedir.empty())
+            sweep = RemoveLeftEntries(settings.basedir, pid, jobStart);
+    });
     filter.reset();
     log.Warn("filter " + why + " (" + how + "); a fresh one takes the next job");
+    for (const std::string& name : sweep.removed)
+        log.Warn("removed entry " + name + " that the filter left");
+    for (const std::string& fault : sweep.faults)
+        log.Error("can not remove the entries the filter left: " + fault);
 }
 
 void Supervisor::Finish()

@@ -11,6 +11,8 @@
 
 #include <chrono>
 #include <cstdint>
+#include <ctime>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -25,6 +27,7 @@ struct SupervisorSettings {
     int32_t errorAction = 8;
     bool hungry = true; // smtpserver's side speaks interface 1
     std::chrono::seconds jobLimit{100};
+    std::string basedir; // the filter's, ending in "/"; empty: not known
 };
 
 class Supervisor
@@ -34,6 +37,12 @@ public:
     ~Supervisor();
     Supervisor(const Supervisor&) = delete;
     Supervisor& operator=(const Supervisor&) = delete;
+
+    // Called before each filter start to bring the filter command, the error
+    // action and the base directory up to date (the site's file as it is
+    // then); the interface towards smtpserver and the job limit stay.
+    using Reader = std::function<void(SupervisorSettings& settings)>;
+    void SetReader(Reader reader) { reread = std::move(reader); }
 
     // Relays job lines from descriptor 0 and replies to descriptor 1 until
     // the input ends; then lets the filter end.
@@ -50,12 +59,15 @@ public:
 private:
     std::string FailureReply() const;
     bool StartFilter(Deadline deadline);
-    // Ends the filter (killed first when kill is set) and logs why.
-    void EndFilter(const std::string& why, bool kill);
+    // Ends the filter (killed first when kill is set) and logs why. In a job
+    // begun at jobStart (the clock's seconds; 0: between jobs), the entries
+    // it left are removed.
+    void EndFilter(const std::string& why, bool kill, time_t jobStart = 0);
     // The next job line from smtpserver; false at the end of the input.
     bool NextJob(std::string& line, bool& overlong);
 
-    const SupervisorSettings settings;
+    SupervisorSettings settings;
+    Reader reread;
     AdapterLog& log;
     std::unique_ptr<FilterChild> filter; // started and waiting for a job
     LineBuffer jobs;

@@ -38,6 +38,30 @@ const char Usage[] =
 // accepts the message unchecked.
 const int MaxJobLimit = 110;
 
+// The options file and the secret as they are now, into what the next
+// filter runs with: its command (none when the file cannot be read), the
+// error action and the base directory. What is wrong goes to the log.
+void ReadForNextFilter(const std::string& configPath, const std::string& secretPath,
+                       const std::string& filterPath, SupervisorSettings& settings, AdapterLog& log)
+{
+    SiteOptions site;
+    try {
+        ReadSiteOptions(configPath, secretPath, site);
+    } catch (const std::exception& fault) {
+        log.Error(fault.what() + std::string("; jobs are answered with the error action"));
+    }
+    if (site.secret.empty())
+        log.Warn("no secret in " + secretPath + ": mail returned by the daemon is checked again");
+    // A file that cannot be read leaves no options to run the filter with:
+    // every job is then answered here. Bad options are left to the filter,
+    // which names them in its failure line.
+    settings.filterCommand =
+        site.read ? FilterCommand(filterPath, site) : std::vector<std::string>{};
+    settings.filterEnvironment = FilterEnvironment(site);
+    settings.errorAction = site.errorAction;
+    settings.basedir = site.basedir;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -108,18 +132,13 @@ int main(int argc, char** argv)
     try {
         AdapterLog log(logFile.empty() ? AdapterLog::Target::Syslog : AdapterLog::Target::File,
                        logFile);
-        if (!siteFault.empty())
-            log.Error(siteFault + "; jobs are answered with the error action");
-        if (site.secret.empty())
-            log.Warn("no secret in " + secretPath +
-                     ": mail returned by the daemon is checked again");
-        // A file that cannot be read leaves no options to run the filter
-        // with: every job is then answered here. Bad options are left to
-        // the filter, which names them in its failure line.
-        Supervisor supervisor(
-            {site.read ? FilterCommand(filterPath, site) : std::vector<std::string>{},
-             FilterEnvironment(site), site.errorAction, site.hungry, limit},
-            log);
+        // smtpserver's side of the conversation is fixed at start; the rest
+        // is read again for each filter, so that an edit of the file counts
+        // from the next filter on.
+        Supervisor supervisor({{}, {}, site.errorAction, site.hungry, limit, site.basedir}, log);
+        supervisor.SetReader([&](SupervisorSettings& settings) {
+            ReadForNextFilter(configPath, secretPath, filterPath, settings, log);
+        });
         supervisor.Run();
         return 0;
     } catch (const std::exception& failure) {

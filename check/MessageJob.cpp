@@ -123,8 +123,18 @@ VerdictFlags CheckWithDaemon(Receiver& receiver, FILE* spoolStream, const char* 
             if (Log.isDebugEnabled())
                 Log.forcedLog(LogClass::Debug, "Top headers or body was changed: need update...");
             SeekSpool(spoolFd, envelopeSize, " on file ", spoolPath);
-            (void)UpdateSpoolFile(MsgPath(*entry), spoolFd, messageSize, spoolPath,
-                                  envelopeSize); // its fsync result is advisory only
+            // The flush's result does not change the verdict: the rewrite
+            // is done, and ZMailer reads the file through the same page
+            // cache. It is told to the administrator and counted.
+            if (UpdateSpoolFile(MsgPath(*entry), spoolFd, messageSize, spoolPath, envelopeSize) !=
+                0) {
+                const int error = errno;
+                if (Log.isErrorEnabled())
+                    Log.forcedLog(LogClass::Error, std::string("fsync error:") +
+                                                       std::strerror(error) + " for file " +
+                                                       spoolPath);
+                receiver.ReportFsyncFailed(entry.Get());
+            }
         }
         (void)entry->Remove(); // a leftover directory is the daemon's to clean; logged there
     } else {

@@ -89,6 +89,12 @@ struct Metrics::Parts {
             .Name("quelt_oldest_kept_entry_age_seconds")
             .Help("Age of the oldest kept entry at the last sweep (0 when none)")
             .Register(*registry);
+    pm::Family<pm::Counter>& spoolFsyncFailures =
+        pm::BuildCounter()
+            .Name("quelt_spool_fsync_failures_total")
+            .Help("Rewrites of a spool file with a changed message whose flush to disk failed, "
+                  "as the filters reported them (the message passed all the same)")
+            .Register(*registry);
     pm::Family<pm::Gauge>& buildInfo = pm::BuildGauge()
                                            .Name("quelt_build_info")
                                            .Help("Always 1; the version of this quelt-refd")
@@ -99,6 +105,7 @@ struct Metrics::Parts {
     pm::Gauge& inFlightNow = inFlight.Add({});
     pm::Gauge& keptNow = kept.Add({});
     pm::Gauge& oldestNow = oldestKept.Add({});
+    pm::Counter& spoolFsyncFailuresNow = spoolFsyncFailures.Add({});
     std::list<UpstreamSeries> upstreams; // stable addresses
     std::unique_ptr<MetricsListener> listener;
 };
@@ -156,6 +163,11 @@ void Metrics::KeptEntries(std::size_t count, std::chrono::seconds oldestAge)
 {
     parts->keptNow.Set(static_cast<double>(count));
     parts->oldestNow.Set(static_cast<double>(oldestAge.count()));
+}
+
+void Metrics::SpoolFsyncFailed()
+{
+    parts->spoolFsyncFailuresNow.Increment();
 }
 
 CheckVerdict VerdictOfAnswer(const std::string& answer)

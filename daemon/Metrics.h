@@ -46,6 +46,8 @@ public:
     void CheckEnded(CheckVerdict verdict, std::chrono::nanoseconds took);
     // The census of kept entries: how many and the oldest one's age.
     void KeptEntries(std::size_t count, std::chrono::seconds oldestAge);
+    // A filter's report that the flush of a rewritten spool file failed.
+    void SpoolFsyncFailed();
 
 private:
     struct Parts;

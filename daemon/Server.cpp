@@ -34,6 +34,7 @@
 namespace
 {
 
+using conversation::FsyncFailedVerb;
 using conversation::RequestVerb;
 using conversation::SocketName;
 // A request is "CHECK " and a path; longer lines are not requests.
@@ -113,7 +114,8 @@ private:
     void Listen();
     void Work();
     void Serve(int client);
-    std::string ReadRequest(int client);
+    // The path of a request line; report is set for a flush failure's report.
+    std::string ReadRequest(int client, bool& report);
     // Asks every thread to stop: the pipe stays readable from now on.
     void RequestStop();
 
@@ -265,7 +267,7 @@ void Server::Work()
     }
 }
 
-std::string Server::ReadRequest(int client)
+std::string Server::ReadRequest(int client, bool& report)
 {
     const Deadline deadline = Clock::now() + std::chrono::seconds(ClientTimeoutSeconds);
     std::string line;
@@ -279,8 +281,9 @@ std::string Server::ReadRequest(int client)
         line.append(block, count);
     }
     line.erase(line.find('\n'));
-    const std::size_t verbLength = std::strlen(RequestVerb);
-    if (line.compare(0, verbLength, RequestVerb) != 0 || line.size() == verbLength)
+    report = line.rfind(FsyncFailedVerb, 0) == 0;
+    const std::size_t verbLength = std::strlen(report ? FsyncFailedVerb : RequestVerb);
+    if ((!report && line.compare(0, verbLength, RequestVerb) != 0) || line.size() == verbLength)
         throw std::logic_error("not a request: '" + line.substr(0, 100) + "'");
     return line.substr(verbLength);
 }
@@ -290,7 +293,19 @@ void Server::Serve(int client)
     // The connection's driver: a client that sends no request or does not
     // take its answer is logged and dropped; the daemon serves on.
     try {
-        const std::string dir = ReadRequest(client);
+        bool report = false;
+        const std::string dir = ReadRequest(client, report);
+        if (report) {
+            if (settings.metrics != nullptr)
+                settings.metrics->SpoolFsyncFailed();
+            // Whoever may connect names the path: printable ASCII only.
+            std::string named = dir;
+            for (char& c : named)
+                if (c < 0x20 || c > 0x7e)
+                    c = '?';
+            Say(LOG_ERR, named + ": the filter's flush of the rewritten spool file failed");
+            return;
+        }
         if (settings.delayMs > 0) {
             pollfd stop = {stopRead.Get(), POLLIN, 0};
             (void)::poll(&stop, 1, settings.delayMs); // cut short by a stop; a test knob only

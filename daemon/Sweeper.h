@@ -9,14 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "shared/fd/EntryTree.h"
+
 class Metrics;
-
-// Removes the entry name in the "msgs/" directory open as msgsFd with all
-// in it, following no link; path names it in errors (std::domain_error).
-void RemoveEntry(int msgsFd, const std::string& name, const std::string& path);
-
-// The names in the directory open as dirFd, without "." and "..".
-std::vector<std::string> ListNames(int dirFd, const std::string& path);
 
 // One sweep of msgsDir now; the entries it keeps go to metrics (when not
 // null) as their number and the oldest one's age.

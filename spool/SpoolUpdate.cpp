@@ -1,8 +1,9 @@
 // spool/SpoolUpdate.cpp: the daemon's changed message back into the spool
-// file, in one pass over the copy: copy over the message part, cut off what
-// is left of a longer original, flush.
+// file, in one pass over the copy: reserve the blocks of the new size, copy
+// over the message part, cut off what is left of a longer original, flush.
 #include "spool/SpoolUpdate.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -46,6 +47,36 @@ bool IsBoundedAndDense(int fd, int64_t copySize, int64_t receivedSize, std::stri
     return true;
 }
 
+// Makes the blocks of the spool file's first finalSize bytes certain, so
+// that the rewrite cannot meet a full disk half way (the file system would
+// take the bytes up to the end of the last page it had, then refuse the
+// rest). The file's bytes and length stay as they are: the blocks past the
+// end are reserved without moving it. A file system that cannot reserve
+// that way gets zeros written past the end, which the rewrite then
+// overwrites; when that fails, the file is cut back to oldSize. False with
+// the cause when the space is not there.
+bool ReserveSpace(int spoolFd, int64_t finalSize, int64_t oldSize, std::string& cause)
+{
+    if (finalSize <= 0)
+        return true; // nothing to hold (and a length of 0 is refused)
+    int result;
+    do
+        result = ::fallocate(spoolFd, FALLOC_FL_KEEP_SIZE, 0, finalSize);
+    while (result != 0 && errno == EINTR);
+    int error = result == 0 ? 0 : errno;
+    std::string leftOver;
+    if (error == EOPNOTSUPP) {
+        error = ::posix_fallocate(spoolFd, 0, finalSize);
+        if (error != 0 && finalSize > oldSize && ::ftruncate(spoolFd, oldSize) != 0)
+            leftOver = std::string(", and the zeros past its end stay:") + std::strerror(errno);
+    }
+    if (error == 0)
+        return true;
+    cause = "can not reserve " + std::to_string(finalSize) +
+            " bytes for the spool file:" + std::strerror(error) + leftOver;
+    return false;
+}
+
 } // namespace
 
 int UpdateSpoolFile(const std::string& copyPath, int spoolFd, int64_t receivedSize,
@@ -69,6 +100,12 @@ int UpdateSpoolFile(const std::string& copyPath, int spoolFd, int64_t receivedSi
     }
     const int64_t copySize = st.st_size;
 
+    // Before the first byte of the message part changes.
+    if (!ReserveSpace(spoolFd, envelopeSize + copySize, envelopeSize + receivedSize, cause)) {
+        if (Log.isErrorEnabled())
+            Log.forcedLog(LogClass::Error, cause);
+        throw std::domain_error("can not copy new body");
+    }
     if (!VxFile::CopyDescr(copy.Get(), spoolFd, copySize, nullptr, nullptr))
         throw std::domain_error("can not copy new body");
     // Read-only: its close cannot lose data.

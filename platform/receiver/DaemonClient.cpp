@@ -250,3 +250,17 @@ VerdictFlags AskDaemon(const std::string& socketPath, const std::string& entryDi
     note = std::move(text);
     return flags;
 }
+
+void ReportFsyncFailure(const std::string& socketPath, const std::string& entryDir,
+                        int timeoutSeconds)
+{
+    const int64_t startMs = MonotonicMs();
+    if (startMs < 0 || entryDir.find('\n') != std::string::npos)
+        return (void)LogCause("can not report the failed flush to daemon at " + socketPath);
+    const Peer peer{socketPath, timeoutSeconds, startMs + int64_t{timeoutSeconds} * 1000};
+    Descriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd.IsValid())
+        return (void)peer.LogSystem("can not create a socket for", errno);
+    if (Connect(peer, fd.Get()))
+        (void)Send(peer, fd.Get(), conversation::FsyncFailedVerb + entryDir + "\n"); // logged
+}

@@ -19,3 +19,10 @@ constexpr std::size_t MaxAnswerLine = 8192;
 // empty.
 VerdictFlags AskDaemon(const std::string& socketPath, const std::string& entryDir,
                        int timeoutSeconds, std::string& note);
+
+// Tells the daemon on socketPath that the flush after the rewrite of the
+// spool file checked in entryDir failed, within timeoutSeconds; waits for no
+// answer. A failure is logged at error level, and nothing more: the report
+// is for the administrator's count, the message's verdict stands.
+void ReportFsyncFailure(const std::string& socketPath, const std::string& entryDir,
+                        int timeoutSeconds);

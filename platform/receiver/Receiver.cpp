@@ -105,6 +105,7 @@ public:
     MsgEntry* CreateMsgEntry() override;
     VerdictFlags ProcessMsg(MsgEntry* entry, int32_t zero1, int32_t zero2, int32_t zero3,
                             int32_t zero4) override;
+    void ReportFsyncFailed(MsgEntry* entry) override;
 
 private:
     ~ReceiverImpl() override = default;
@@ -213,6 +214,12 @@ VerdictFlags ReceiverImpl::ProcessMsg(MsgEntry* entry, int32_t /*zero1*/, int32_
     VerdictFlags flags = AskDaemon(baseDir + SocketName, ours->GetDir(), timeoutSeconds, note);
     ours->SetReplyText(std::move(note));
     return flags;
+}
+
+void ReceiverImpl::ReportFsyncFailed(MsgEntry* entry)
+{
+    if (ready && entry != nullptr)
+        ReportFsyncFailure(baseDir + SocketName, entry->GetDir(), timeoutSeconds);
 }
 
 } // namespace

@@ -47,6 +47,10 @@ public:
     // is logged and answered VerdictDaemonError.
     virtual VerdictFlags ProcessMsg(MsgEntry* entry, int32_t zero1, int32_t zero2, int32_t zero3,
                                     int32_t zero4) = 0;
+    // Tells the daemon that the flush after the entry's message was written
+    // back into the spool file failed, for its count. Never throws; a
+    // failure is logged.
+    virtual void ReportFsyncFailed(MsgEntry* entry) = 0;
 };
 
 extern "C" Receiver* CreateReceiver();

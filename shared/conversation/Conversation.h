@@ -16,6 +16,10 @@ inline constexpr const char* EntriesFolderName = "msgs";
 inline constexpr const char* EntriesFolder = "msgs/";
 // A request is this verb, the entry directory's path and "\n".
 inline constexpr const char* RequestVerb = "CHECK ";
+// The filter's report that the flush after it rewrote a spool file failed:
+// this verb, the entry directory's path and "\n". The daemon logs and
+// counts it and answers nothing.
+inline constexpr const char* FsyncFailedVerb = "FSYNC-FAILED ";
 
 } // namespace conversation
 

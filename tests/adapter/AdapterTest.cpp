@@ -4,9 +4,13 @@
 // played daemon. Each row meets one fault with its first job, then the
 // fault goes, a good daemon comes, and a second job must get a fresh
 // filter's answer; the end of input ends both with status 0. Then --check.
+#include <fcntl.h>
 #include <signal.h>
 
+#include <iostream>
+#include <map>
 #include <regex>
+#include <set>
 
 #include <boost/algorithm/string.hpp>
 #include <gtest/gtest.h>
@@ -35,11 +39,17 @@ class Adapter : public ::testing::Test, protected FilterSandbox
 protected:
     Adapter() { WriteFile(root + "/secret", "s3cret\n"); }
 
-    // The site's options in a file, the adapter started on it.
-    std::unique_ptr<ChildProcess> Start(const std::string& options, const Words& extra = {})
+    // The site's options in the file.
+    void Configure(const std::string& options)
     {
         WriteFile(root + "/conf", "# the sandbox\n--basedir " + basedir + " --user nobody\n" +
                                       "--log-filename " + basedir + "zmailer.log " + options);
+    }
+
+    // The site's options in a file, the adapter started on it.
+    std::unique_ptr<ChildProcess> Start(const std::string& options, const Words& extra = {})
+    {
+        Configure(options);
         Words args = {ADAPTER,
                       "-Z",
                       "/etc/zmailer/zmailer.conf",
@@ -72,6 +82,28 @@ protected:
         return std::stoi("0" + ReadFile("/proc/" + task + "/task/" + task + "/children"));
     }
 };
+
+// What the descriptors of process pid from first on refer to ("pipe:[N]",
+// a path), by number.
+std::map<int, std::string> OpenFiles(pid_t pid, int first = 0)
+{
+    std::map<int, std::string> files;
+    const std::string dir = "/proc/" + std::to_string(pid) + "/fd";
+    for (const auto& fd : boost::filesystem::directory_iterator(dir)) {
+        const int number = std::stoi(fd.path().filename().string());
+        if (number >= first)
+            files[number] = boost::filesystem::read_symlink(fd.path()).string();
+    }
+    return files;
+}
+
+// Whether process pid still runs (a zombie has ended).
+bool Runs(pid_t pid)
+{
+    const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+    const std::size_t end = stat.rfind(')');
+    return end != std::string::npos && end + 2 < stat.size() && stat[end + 2] != 'Z';
+}
 
 TEST_F(Adapter, EveryJobGetsOneReplyAndAFreshFilterAfterAFailure)
 {
@@ -177,6 +209,96 @@ TEST_F(Adapter, EveryJobGetsOneReplyAndAFreshFilterAfterAFailure)
     }
 }
 
+// The filter holds its three pipes and what it opens itself, none of the
+// adapter's descriptors (smtpserver leaves its client's socket open, for
+// one); and it goes with the adapter, also when the adapter is killed.
+TEST_F(Adapter, FilterGetsOnlyItsPipesAndDiesWithTheAdapter)
+{
+    // The job outlasts the wait below, so that only a filter that is killed
+    // ends within it.
+    RefDaemon daemon(basedir, {"--delay-ms", "60000"});
+    WriteFile(root + "/inherited", "");
+    const int inherited = ::open((root + "/inherited").c_str(), O_RDONLY); // no close-on-exec
+    const std::unique_ptr<ChildProcess> adapter = Start("-e tempfail");
+    ::close(inherited);
+    EXPECT_EQ(adapter->ReadStdoutUntil(Hungry), Hungry);
+    adapter->Write(Spool("first", ReadFile(EXAMPLE_SPOOL "/01-clean.spool")) + "\n");
+    const pid_t filter = FilterInAJob(*adapter);
+    ASSERT_GT(filter, 0);
+
+    std::set<std::string> adapters;
+    for (const auto& file : OpenFiles(adapter->Pid(), 3))
+        adapters.insert(file.second);
+    ASSERT_EQ(adapters.count(root + "/inherited"), 1u) << "the adapter inherits the descriptor";
+    // Its 0 to 2 are the other ends of the adapter's pipes (the same names).
+    for (const auto& file : OpenFiles(filter, 3))
+        EXPECT_EQ(adapters.count(file.second), 0u) << file.first << " -> " << file.second;
+
+    adapter->Signal(SIGKILL);
+    for (int waited = 0; waited < ChildProcess::BoundMs && Runs(filter); waited += 10)
+        (void)::poll(nullptr, 0, 10);
+    EXPECT_FALSE(Runs(filter)) << "the filter outlived the adapter";
+}
+
+// A filter killed while it writes a changed message back leaves no entry
+// behind: the adapter removes it. The kill comes as soon as the spool file
+// shows the daemon's header, or a few milliseconds later, so that it meets
+// the rewrite at a different point each run.
+TEST_F(Adapter, FilterKilledInAWriteBackLeavesNoEntry)
+{
+    constexpr int RunCount = 50;
+    RefDaemon daemon(basedir, {"--add-header", "X-Checked: yes"});
+    const std::unique_ptr<ChildProcess> adapter = Start("-e tempfail");
+    EXPECT_EQ(adapter->ReadStdoutUntil(Hungry), Hungry);
+    std::string large = ReadFile(EXAMPLE_SPOOL "/01-clean.spool");
+    const std::size_t message = large.find("env-end\n") + 8;
+    for (int line = 0; large.size() < 32 * 1024 * 1024; ++line)
+        large += "line " + std::to_string(line) + " of a large message body\n";
+    const std::string task = std::to_string(adapter->Pid());
+    int killed = 0;
+    for (int run = 0; run < RunCount; ++run) {
+        SCOPED_TRACE("run " + std::to_string(run));
+        const std::string spool = Spool("large", large);
+        adapter->Write(spool + "\n");
+        const int fd = ::open(spool.c_str(), O_RDONLY);
+        char start[9] = {};
+        for (int waited = 0; waited < ChildProcess::BoundMs; ++waited) {
+            if (::pread(fd, start, sizeof start, static_cast<off_t>(message)) == sizeof start &&
+                std::string(start, sizeof start) == "X-Checked")
+                break;
+            (void)::poll(nullptr, 0, 1);
+        }
+        ::close(fd);
+        (void)::poll(nullptr, 0, run % 4);
+        const pid_t filter =
+            std::stoi("0" + ReadFile("/proc/" + task + "/task/" + task + "/children"));
+        if (filter > 0) // never 0: that would be this test's own process group
+            ::kill(filter, SIGKILL);
+        const std::string reply = adapter->ReadStdoutUntil(Hungry);
+        EXPECT_TRUE(reply == TempfailLine + Oops + Hungry || reply == Clean + Hungry) << reply;
+        killed += reply != Clean + Hungry;
+        EXPECT_EQ(EntryCount(), 0u) << "entries left";
+        if (HasFailure())
+            break;
+    }
+    std::cout << "[ kills ] " << killed << " of " << RunCount << " runs killed the filter\n";
+    EXPECT_GT(killed, 0);
+    EXPECT_EQ(adapter->Wait(), 0);
+}
+
+// An edit of the options file counts from the next filter on: after a
+// failure, the fresh filter runs with what the file says then.
+TEST_F(Adapter, FreshFilterTakesTheEditedOptions)
+{
+    const std::unique_ptr<ChildProcess> adapter = Start("-e tempfail");
+    EXPECT_EQ(adapter->ReadStdoutUntil(Hungry), Hungry);
+    // No daemon: the filter answers its error action and ends.
+    EXPECT_EQ(Job(*adapter, "first", Hungry), TempfailLine + Oops + Hungry);
+    Configure("-e discard");
+    EXPECT_EQ(Job(*adapter, "second", Hungry), DiscardLine + Oops + Hungry);
+    EXPECT_EQ(adapter->Wait(), 0);
+}
+
 TEST_F(Adapter, CheckNamesEachFault)
 {
     const struct {
@@ -185,7 +307,11 @@ TEST_F(Adapter, CheckNamesEachFault)
         std::string said;
         int status;
     } rows[] = {
-        {"", true, "(ok [^\n]*\n){3}ok a test message was answered '" + Clean.substr(0, 33) + "'\n",
+        {"", true,
+         "(ok [^\n]*\n){3}ok a filter started now runs " VOREX_ZMAILER " --basedir \\S+ --user "
+         "nobody --log-filename \\S+ --interface 1 \\(the secret in its environment\\)\n"
+         "ok a test message was answered '" +
+             Clean.substr(0, 33) + "'\n",
          0},
         {"", false,
          "PROBLEM a test message was answered '" + RejectLine +

@@ -137,6 +137,9 @@ INTERPOSE(ssize_t, copy_file_range, copy_file_range, -1, (in),
 INTERPOSE(int, truncate, truncate, -1, (-1, path), (const char* path, off_t n), path, n)
 INTERPOSE(int, truncate64, truncate, -1, (-1, path), (const char* path, off64_t n), path, n)
 INTERPOSE(int, fsync, fsync, -1, (fd), (int fd), fd)
+INTERPOSE(int, fallocate, fallocate, -1, (fd), (int fd, int m, off_t at, off_t n), fd, m, at, n)
+INTERPOSE(int, fallocate64, fallocate, -1, (fd), (int fd, int m, off64_t at, off64_t n), fd, m, at,
+          n)
 INTERPOSE(int, mkdir, mkdir, -1, (-1, path), (const char* path, mode_t m), path, m)
 INTERPOSE(int, mkdirat, mkdir, -1, (-1, path), (int dir, const char* path, mode_t m), dir, path, m)
 INTERPOSE(int, connect, connect, -1, (fd), (int fd, const sockaddr* to, socklen_t n), fd, to, n)

@@ -32,6 +32,7 @@
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
+#include "quelt-refd/Engines.h"
 #include "support/FilterSandbox.h"
 #include "support/PlayedDaemon.h"
 #include "support/RefDaemon.h"
@@ -47,10 +48,10 @@ const std::string ErrorReply = TempfailLine + " Internal error\n";
 const std::string StartUpErrorReply = PassLine + " Internal error\n";
 const int Errnos[] = {ENOSPC, EIO, EINTR};
 // The program retries these when they are interrupted: the write-all helper,
-// the block copy's reads, the in-kernel copy, the daemon conversation (and
-// the log back end's own writes).
-const std::set<std::string> RetriedOnEintr = {"read",    "write", "copy_file_range",
-                                              "connect", "send",  "recv"};
+// the block copy's reads, the in-kernel copy, the space reservation, the
+// daemon conversation (and the log back end's own writes).
+const std::set<std::string> RetriedOnEintr = {
+    "read", "write", "copy_file_range", "fallocate", "connect", "send", "recv"};
 // No job makes anywhere near this many calls of one family; reaching it
 // means the fault kept firing, and the walk stops with a failure.
 constexpr long WalkBound = 300;
@@ -366,6 +367,36 @@ TEST_P(FaultWalk, EveryFailurePointKeepsMailSafe)
         }
     }
     std::cout << "[ walk ] " << job.name << outcomes << "\n";
+}
+
+// A flush that fails after a rewrite: the message passes all the same, the
+// failure is in the filter's log at error level and in the daemon's log and
+// count.
+TEST(FlushFailure, LoggedAndCountedVerdictKept)
+{
+    FilterSandbox sandbox;
+    const std::string port = std::to_string(FreePort());
+    RefDaemon daemon(sandbox.basedir,
+                     {"--add-header", "X-Vorex-Checked: clean", "--metrics", "127.0.0.1:" + port});
+    const Job& job = Jobs[0];
+    const std::string spool = sandbox.Spool("spool", job.spool);
+    const RunResult run =
+        RunProgram(sandbox.Args({"--interface", "1", "-e", "tempfail"}), spool + "\n", sandbox.root,
+                   {std::string("LD_PRELOAD=") + VOREX_FAULT_LIBRARY,
+                    "VOREX_FAULT=fsync:1:" + std::to_string(EIO)});
+    EXPECT_EQ(run.out, Hungry + job.reply + Hungry);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_TRUE(ReadFile(spool) == job.after) << "spool file differs from the clean run";
+    EXPECT_EQ(sandbox.EntryCount(), 0u);
+    EXPECT_TRUE(std::regex_search(
+        ReadFile(sandbox.basedir + "zmailer.log"),
+        std::regex("ERROR [^\n]* - fsync error:Input/output error for file " + spool + "\n")))
+        << ReadFile(sandbox.basedir + "zmailer.log");
+    const std::string said = "flush of the rewritten spool file failed";
+    EXPECT_NE(daemon.ReadLogUntil(said).find(said), std::string::npos);
+    const std::string text =
+        RunProgram({"/usr/bin/curl", "-sf", "http://127.0.0.1:" + port + "/metrics"}).out;
+    EXPECT_NE(text.find("\nquelt_spool_fsync_failures_total 1\n"), std::string::npos) << text;
 }
 
 INSTANTIATE_TEST_SUITE_P(Jobs, FaultWalk, ::testing::ValuesIn(Jobs),
