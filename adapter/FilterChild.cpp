@@ -61,12 +61,12 @@ void CloseRange(unsigned first, unsigned last)
 // filter goes on rewriting a spool file that smtpserver has given up on; it
 // gets SIGPIPE's default back (ignored here). An errno on reportFd when the
 // exec fails.
-[[noreturn]] void RunChild(const int (&fds)[3][2], int reportFd, pid_t adapter, char** args,
+[[noreturn]] void RunChild(const int (&stdio)[3], int reportFd, pid_t adapter, char** args,
                            char** envp)
 {
     int error = 0;
     for (int fd = 0; fd < 3 && error == 0; ++fd)
-        if (::dup2(fds[fd][fd == 0 ? 0 : 1], fd) < 0)
+        if (::dup2(stdio[fd], fd) < 0)
             error = errno;
     if (error == 0) {
         // The report pipe stays until the exec (close-on-exec).
@@ -102,6 +102,41 @@ std::vector<char*> Pointers(const std::vector<std::string>& strings)
     return pointers;
 }
 
+pid_t StartChild(const int (&stdio)[3], const std::vector<std::string>& argv,
+                 const std::vector<std::string>& env, std::string& failure)
+{
+    // The child reports a failed exec here; the pipe's end says it ran.
+    int report[2];
+    if (::pipe2(report, O_CLOEXEC) != 0) {
+        failure = std::string("pipe error:") + std::strerror(errno);
+        return -1;
+    }
+    std::vector<char*> args = Pointers(argv), envp = Pointers(env);
+    const pid_t adapter = ::getpid();
+    const pid_t pid = ::fork();
+    if (pid == 0)
+        RunChild(stdio, report[1], adapter, args.data(), envp.data());
+    const int forkError = errno;
+    (void)::close(report[1]); // ours to read only
+    if (pid < 0) {
+        (void)::close(report[0]);
+        failure = std::string("fork error:") + std::strerror(forkError);
+        return -1;
+    }
+    int error = 0;
+    ssize_t got;
+    while ((got = ::read(report[0], &error, sizeof error)) < 0 && errno == EINTR)
+        ;
+    (void)::close(report[0]);
+    if (got > 0) {
+        while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR)
+            ;
+        failure = "can not run " + argv[0] + ":" + std::strerror(error);
+        return -1;
+    }
+    return pid;
+}
+
 FilterChild::FilterChild(const std::vector<std::string>& argv,
                          const std::vector<std::string>& env, Sink stderrSink)
     : sink(std::move(stderrSink))
@@ -112,36 +147,11 @@ FilterChild::FilterChild(const std::vector<std::string>& argv,
             failure = std::string("pipe error:") + std::strerror(errno);
             return;
         }
-    // The child reports a failed exec here; the pipe's end says it ran.
-    int report[2];
-    if (::pipe2(report, O_CLOEXEC) != 0) {
-        failure = std::string("pipe error:") + std::strerror(errno);
+    // The child reads the first pipe and writes the others.
+    const int stdio[3] = {pipes.fds[0][0], pipes.fds[1][1], pipes.fds[2][1]};
+    pid = StartChild(stdio, argv, env, failure);
+    if (pid < 0)
         return;
-    }
-    std::vector<char*> args = Pointers(argv), envp = Pointers(env);
-    const pid_t adapter = ::getpid();
-    pid = ::fork();
-    if (pid == 0)
-        RunChild(pipes.fds, report[1], adapter, args.data(), envp.data());
-    const int forkError = errno;
-    (void)::close(report[1]); // ours to read only
-    if (pid < 0) {
-        (void)::close(report[0]);
-        failure = std::string("fork error:") + std::strerror(forkError);
-        return;
-    }
-    int error = 0;
-    ssize_t got;
-    while ((got = ::read(report[0], &error, sizeof error)) < 0 && errno == EINTR)
-        ;
-    (void)::close(report[0]);
-    if (got > 0) {
-        while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR)
-            ;
-        pid = -1;
-        failure = "can not run " + argv[0] + ":" + std::strerror(error);
-        return;
-    }
     input = std::exchange(pipes.fds[0][1], -1);
     output = std::exchange(pipes.fds[1][0], -1);
     errors = std::exchange(pipes.fds[2][0], -1);

@@ -22,6 +22,12 @@ using Deadline = std::chrono::steady_clock::time_point;
 // The NULL-ended pointer array execve wants, pointing into strings.
 std::vector<char*> Pointers(const std::vector<std::string>& strings);
 
+// Starts argv with the environment env and stdio as its descriptors 0, 1
+// and 2, and nothing else of ours; it is killed when the adapter ends. Its
+// pid, or -1 with failure set.
+pid_t StartChild(const int (&stdio)[3], const std::vector<std::string>& argv,
+                 const std::vector<std::string>& env, std::string& failure);
+
 class FilterChild
 {
 public:

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -56,18 +55,14 @@ int RunRouterStage(const std::string& filterPath, const SiteOptions& site,
     }
     if (!siteFault.empty())
         throw std::domain_error(siteFault);
-    const std::vector<std::string> argv = RouterCommand(filterPath, site, file);
-    const std::vector<std::string> env = FilterEnvironment(site);
-    std::vector<char*> args = Pointers(argv), envp = Pointers(env);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
     // The filter reads no input in this mode; its output is the router's.
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    pid_t pid = -1;
-    const int rc = ::posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0)
-        throw std::domain_error("can not run " + filterPath + ":" + std::strerror(rc));
+    const Fd none(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const int stdio[3] = {none.Get(), 1, 2};
+    std::string failure;
+    const pid_t pid =
+        StartChild(stdio, RouterCommand(filterPath, site, file), FilterEnvironment(site), failure);
+    if (pid < 0)
+        throw std::domain_error(failure);
     int status = 0;
     while (::waitpid(pid, &status, 0) < 0)
         if (errno != EINTR)
