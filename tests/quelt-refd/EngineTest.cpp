@@ -338,9 +338,10 @@ TEST_F(Engines, RspamdActionsAndDkimSignature)
     EXPECT_EQ(ReadFile(root + "/down"), Clean);
 }
 
-// --check on a set-up of its own (a daemon as an account with both
+// --check on a set-up of its own (a daemon as an account with the row's
 // engines, a ZMailer configuration, a stand-in for the smtpserver wrapper's
-// --check): all well, then one fault per row, each named in a PROBLEM line.
+// --check): all well with each engine alone and with clamd and spamd, then
+// one fault per row, each named in a PROBLEM line.
 TEST_F(Engines, CheckNamesEachFaultOfTheSetUp)
 {
     const std::string msgs = basedir + "msgs";
@@ -349,45 +350,63 @@ TEST_F(Engines, CheckNamesEachFaultOfTheSetUp)
         ASSERT_TRUE(::chown(path.c_str(), 0, 65534) == 0 && ::chmod(path.c_str(), mode) == 0);
     const std::vector<std::string> engines = {
         "--clamd", Shared().clamd.socket, "--spamd", Shared().spamd.socket, "--spam-reject", "20"};
-    std::vector<std::string> asAccount = engines;
-    asAccount.insert(asAccount.end(), {"--user", "nobody"});
-    RefDaemon daemon(basedir, asAccount);
+    const std::vector<std::string> clamd = {"--clamd", Shared().clamd.socket},
+                                   spamd = {"--spamd", Shared().spamd.socket, "--spam-reject", "20"},
+                                   rspamd = {"--rspamd", Shared().rspamd.socket};
     TempDir zmailer;
     const std::string stale = zmailer / "stopped.sock", wrapper = zmailer / "wrapper";
     ::close(PlayedDaemon::ListenOn(stale)); // a socket nobody listens on: spamd stopped
     const std::string good = "#!/bin/sh\necho 'ok filter options'\n";
+    const std::string answers = "\nok daemon answers: '",
+                      spamRejected = "\nok spam round trip: '" + RejectLine + " spam: ";
+    // Rows with a problem run against the daemon with clamd and spamd; the
+    // good set-ups name the daemon's engines and lines their report must hold.
     const struct {
         const char* name;
         std::vector<std::string> args;
         std::string wrapper, contentFilter, problem;
+        std::vector<std::string> okLines;
     } rows[] = {
-        {"goodSetUp", engines, good, "$MAILSHARE/wrapper", ""},
+        {"goodSetUp", engines, good, "$MAILSHARE/wrapper", "",
+         {answers, "\nok virus round trip (", spamRejected + "score "}},
+        {"goodClamdAlone", clamd, good, "$MAILSHARE/wrapper", "",
+         {answers, "\nok virus round trip (", "\nskipped spam round trip: "}},
+        {"goodSpamdAlone", spamd, good, "$MAILSHARE/wrapper", "",
+         {answers, "\nskipped virus round trip: ", spamRejected + "score "}},
+        {"goodRspamdAlone", rspamd, good, "$MAILSHARE/wrapper", "",
+         {"\nok rspamd at " + Shared().rspamd.socket + " answers GET /ping\n", answers,
+          spamRejected + "rspamd score "}},
         {"wrongClamdPath",
          {"--clamd", zmailer / "clamd.sock"},
          good,
          "$MAILSHARE/wrapper",
-         "PROBLEM clamd at " + zmailer / "clamd.sock: connect"},
+         "PROBLEM clamd at " + zmailer / "clamd.sock: connect", {}},
+        {"clamdWithoutDatabaseIsNamed",
+         {"--clamd", zmailer / "clamd.sock"},
+         good,
+         "$MAILSHARE/wrapper",
+         "clamav-daemon starts only once freshclam has downloaded a signature database", {}},
         {"stoppedSpamd",
          {"--spamd", stale, "--spam-reject", "20"},
          good,
          "$MAILSHARE/wrapper",
-         "PROBLEM spamd at " + stale + ": connect"},
+         "PROBLEM spamd at " + stale + ": connect", {}},
         {"farmWithAStoppedMember",
          {"--clamd", Shared().clamd.socket, "--clamd", zmailer / "clamd.sock"},
          good,
          "$MAILSHARE/wrapper",
-         "PROBLEM clamd at " + zmailer / "clamd.sock: connect"},
+         "PROBLEM clamd at " + zmailer / "clamd.sock: connect", {}},
         {"wrapperWithBadOption", engines,
          "#!/bin/sh\necho 'PROBLEM --error-action tmpfail: not an action (fix: ...)'\nexit 1\n",
-         "$MAILSHARE/wrapper", "\nPROBLEM --error-action tmpfail: "},
+         "$MAILSHARE/wrapper", "\nPROBLEM --error-action tmpfail: ", {}},
         {"missingWrapper", engines, good, zmailer / "gone",
          "PROBLEM " + zmailer / "smtpserver.conf line 2: contentfilter " + zmailer / "gone" +
-             " is missing or not executable"},
+             " is missing or not executable", {}},
         {"unitWithoutEngine",
          {"--defaults-file", zmailer / "default"},
          good,
          "$MAILSHARE/wrapper",
-         "PROBLEM options from " + zmailer / "default: no engine: "},
+         "PROBLEM options from " + zmailer / "default: no engine: ", {}},
     };
     // The policy compiled by ZMailer's makedb, read by its dblook (the
     // policy's own faults are the real-ZMailer group's rows).
@@ -412,14 +431,16 @@ TEST_F(Engines, CheckNamesEachFaultOfTheSetUp)
         check.insert(check.end(), row.args.begin(), row.args.end());
         if (row.args[0] != "--defaults-file")
             check.insert(check.end(), {"--basedir", basedir});
+        std::vector<std::string> daemonArgs = row.problem.empty() ? row.args : engines;
+        daemonArgs.insert(daemonArgs.end(), {"--user", "nobody"});
+        RefDaemon daemon(basedir, daemonArgs);
         std::string out;
         const int status = ChildProcess(check).Wait(&out);
         if (row.problem.empty()) {
             EXPECT_EQ(status, 0);
-            EXPECT_FALSE(std::regex_search(out, std::regex("(^|\n)[^o]"))) << out;
-            EXPECT_NE(out.find("ok spam round trip: '" + RejectLine + " spam: score "),
-                      std::string::npos)
-                << out;
+            EXPECT_FALSE(std::regex_search(out, std::regex("(^|\n)(?!ok |skipped |$)"))) << out;
+            for (const std::string& line : row.okLines)
+                EXPECT_NE(("\n" + out).find(line), std::string::npos) << line << "\n" << out;
         } else {
             EXPECT_EQ(status, 1);
             EXPECT_NE(out.find(row.problem), std::string::npos) << out;
