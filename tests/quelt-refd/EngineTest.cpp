@@ -154,7 +154,8 @@ TEST_F(Engines, ClamdFarmLosesNoMessageWhileAMemberRestarts)
 }
 
 // A member that takes connections and never answers, or one that is
-// stopped: its messages are answered by another member within the deadline.
+// stopped: down from the ping at the start, and every message is answered
+// by another member within the deadline.
 TEST_F(Engines, FarmMemberHungOrStoppedIsReplacedByAnother)
 {
     TempDir dir;
@@ -196,7 +197,8 @@ TEST_F(Engines, FarmMemberHungOrStoppedIsReplacedByAnother)
         EXPECT_EQ(run.out, replies);
         std::string log;
         (void)daemon.Stop(&log);
-        EXPECT_NE(log.find(row.down), std::string::npos) << log;
+        // Found down by the ping at the start, before the first message.
+        EXPECT_NE(daemon.startLog.find(row.down), std::string::npos) << daemon.startLog;
         EXPECT_NE(log.find(row.answered), std::string::npos) << log;
     }
     ::close(listening);
@@ -233,7 +235,8 @@ TEST_F(Engines, MetricsCountWhatWasSent)
              "quelt_checks_in_flight 0", "quelt_kept_entries 2",
              "quelt_engine_results_total" + clamdAt + "clean\",upstream=\"" + clamd + "\"} 3",
              "quelt_engine_results_total" + clamdAt + "found\",upstream=\"" + clamd + "\"} 2",
-             "quelt_engine_results_total" + clamdAt + "error\",upstream=\"" + stopped + "\"} 1",
+             // down from the start: no message tried it
+             "quelt_engine_results_total" + clamdAt + "error\",upstream=\"" + stopped + "\"} 0",
              "quelt_engine_results_total" + spamdAt + "clean\",upstream=\"" +
                  Shared().spamd.socket + "\"} 3",
              "quelt_engine_duration_seconds_count{engine=\"clamd\",upstream=\"" + clamd + "\"} 5",
@@ -265,6 +268,38 @@ TEST_F(Engines, MetricsCountWhatWasSent)
         "pass clean \"<newsletter@sender.example>\"[\"<john.doe@corp.example>\"] clamd@" + clamd +
         ":clean spamd@" + Shared().spamd.socket + ":clean\n";
     EXPECT_EQ(lines, infected + infected + clean + clean + clean) << log;
+}
+
+// A wrong path in a farm is found at the start, not at the first message:
+// one log line before the daemon listens, and its metric 0 at once; the
+// member that answers is up.
+TEST_F(Engines, UnreachableMemberIsDownFromTheStart)
+{
+    TempDir dir;
+    const std::string missing = dir / "missing.sock";
+    const struct {
+        const char* engine;
+        std::string live;
+    } rows[] = {
+        {"clamd", Shared().clamd.socket},
+        {"spamd", Shared().spamd.socket},
+        {"rspamd", Shared().rspamd.socket},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.engine);
+        const std::string port = std::to_string(FreePort()), option = std::string("--") + row.engine;
+        RefDaemon daemon(basedir, {option, missing, option, row.live, "--metrics", "127.0.0.1:" + port});
+        const std::string down = row.engine + (" " + missing) + " down: ";
+        const std::size_t at = daemon.startLog.find(down);
+        EXPECT_NE(at, std::string::npos) << daemon.startLog;
+        EXPECT_EQ(daemon.startLog.find(down, at + 1), std::string::npos) << daemon.startLog;
+        EXPECT_NE(daemon.startLog.find("; 1 of 2 up\n"), std::string::npos) << daemon.startLog;
+        const std::string text =
+            RunProgram({"/usr/bin/curl", "-sf", "http://127.0.0.1:" + port + "/metrics"}).out;
+        const std::string series = "quelt_upstream_up{engine=\"" + std::string(row.engine) + "\",upstream=\"";
+        for (const std::string& line : {series + missing + "\"} 0", series + row.live + "\"} 1"})
+            EXPECT_NE(text.find("\n" + line + "\n"), std::string::npos) << line << "\n" << text;
+    }
 }
 
 // rspamd behind spamd (which only tags): rspamd's actions as verdicts,
@@ -319,9 +354,8 @@ TEST_F(Engines, RspamdActionsAndDkimSignature)
     EXPECT_EQ(dkim("verify", ReadFile(root + "/signedTagged").substr(envEnd)), "verified\n");
 
     {
-        // A pool of a stopped rspamd and the live one: the round robin sends
-        // one of the first two messages to the stopped one first, and every
-        // message is still answered.
+        // A pool of a stopped rspamd and the live one: every message is
+        // answered (the stopped one is down from the start).
         RefDaemon pool(basedir,
                        {"--rspamd", basedir + "nothing.sock", "--rspamd", Shared().rspamd.socket});
         EXPECT_EQ(RunProgram(Args({"--interface", "0"}), Spool("p1", Clean) + "\n" +
