@@ -155,7 +155,7 @@ bool CheckLayout(CheckReport& report, const std::string& baseDir, const passwd& 
         report.Problem("socket " + socket,
                        "neither " + std::string(account.pw_name) + "'s nor root:" + group +
                            ", each with mode " + Octal(SocketMode),
-                       "restart the daemon (systemctl restart quelt-refd.socket quelt-refd)");
+                       "let systemd make it again (systemctl stop quelt-refd quelt-refd.socket && systemctl start quelt-refd)");
     else
         report.Ok("socket " + socket);
     return true;
