@@ -155,7 +155,8 @@ bool CheckLayout(CheckReport& report, const std::string& baseDir, const passwd& 
         report.Problem("socket " + socket,
                        "neither " + std::string(account.pw_name) + "'s nor root:" + group +
                            ", each with mode " + Octal(SocketMode),
-                       "let systemd make it again (systemctl stop quelt-refd quelt-refd.socket && systemctl start quelt-refd)");
+                       "let systemd make it again (systemctl stop quelt-refd quelt-refd.socket && "
+                       "systemctl start quelt-refd)");
     else
         report.Ok("socket " + socket);
     return true;

@@ -287,8 +287,10 @@ TEST_F(Engines, UnreachableMemberIsDownFromTheStart)
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.engine);
-        const std::string port = std::to_string(FreePort()), option = std::string("--") + row.engine;
-        RefDaemon daemon(basedir, {option, missing, option, row.live, "--metrics", "127.0.0.1:" + port});
+        const std::string port = std::to_string(FreePort()),
+                          option = std::string("--") + row.engine;
+        RefDaemon daemon(basedir,
+                         {option, missing, option, row.live, "--metrics", "127.0.0.1:" + port});
         const std::string down = row.engine + (" " + missing) + " down: ";
         const std::size_t at = daemon.startLog.find(down);
         EXPECT_NE(at, std::string::npos) << daemon.startLog;
@@ -296,7 +298,8 @@ TEST_F(Engines, UnreachableMemberIsDownFromTheStart)
         EXPECT_NE(daemon.startLog.find("; 1 of 2 up\n"), std::string::npos) << daemon.startLog;
         const std::string text =
             RunProgram({"/usr/bin/curl", "-sf", "http://127.0.0.1:" + port + "/metrics"}).out;
-        const std::string series = "quelt_upstream_up{engine=\"" + std::string(row.engine) + "\",upstream=\"";
+        const std::string series =
+            "quelt_upstream_up{engine=\"" + std::string(row.engine) + "\",upstream=\"";
         for (const std::string& line : {series + missing + "\"} 0", series + row.live + "\"} 1"})
             EXPECT_NE(text.find("\n" + line + "\n"), std::string::npos) << line << "\n" << text;
     }
@@ -385,7 +388,8 @@ TEST_F(Engines, CheckNamesEachFaultOfTheSetUp)
     const std::vector<std::string> engines = {
         "--clamd", Shared().clamd.socket, "--spamd", Shared().spamd.socket, "--spam-reject", "20"};
     const std::vector<std::string> clamd = {"--clamd", Shared().clamd.socket},
-                                   spamd = {"--spamd", Shared().spamd.socket, "--spam-reject", "20"},
+                                   spamd = {"--spamd", Shared().spamd.socket, "--spam-reject",
+                                            "20"},
                                    rspamd = {"--rspamd", Shared().rspamd.socket};
     TempDir zmailer;
     const std::string stale = zmailer / "stopped.sock", wrapper = zmailer / "wrapper";
@@ -401,46 +405,74 @@ TEST_F(Engines, CheckNamesEachFaultOfTheSetUp)
         std::string wrapper, contentFilter, problem;
         std::vector<std::string> okLines;
     } rows[] = {
-        {"goodSetUp", engines, good, "$MAILSHARE/wrapper", "",
+        {"goodSetUp",
+         engines,
+         good,
+         "$MAILSHARE/wrapper",
+         "",
          {answers, "\nok virus round trip (", spamRejected + "score "}},
-        {"goodClamdAlone", clamd, good, "$MAILSHARE/wrapper", "",
+        {"goodClamdAlone",
+         clamd,
+         good,
+         "$MAILSHARE/wrapper",
+         "",
          {answers, "\nok virus round trip (", "\nskipped spam round trip: "}},
-        {"goodSpamdAlone", spamd, good, "$MAILSHARE/wrapper", "",
+        {"goodSpamdAlone",
+         spamd,
+         good,
+         "$MAILSHARE/wrapper",
+         "",
          {answers, "\nskipped virus round trip: ", spamRejected + "score "}},
-        {"goodRspamdAlone", rspamd, good, "$MAILSHARE/wrapper", "",
+        {"goodRspamdAlone",
+         rspamd,
+         good,
+         "$MAILSHARE/wrapper",
+         "",
          {"\nok rspamd at " + Shared().rspamd.socket + " answers GET /ping\n", answers,
           spamRejected + "rspamd score "}},
         {"wrongClamdPath",
          {"--clamd", zmailer / "clamd.sock"},
          good,
          "$MAILSHARE/wrapper",
-         "PROBLEM clamd at " + zmailer / "clamd.sock: connect", {}},
+         "PROBLEM clamd at " + zmailer / "clamd.sock: connect",
+         {}},
         {"clamdWithoutDatabaseIsNamed",
          {"--clamd", zmailer / "clamd.sock"},
          good,
          "$MAILSHARE/wrapper",
-         "clamav-daemon starts only once freshclam has downloaded a signature database", {}},
+         "clamav-daemon starts only once freshclam has downloaded a signature database",
+         {}},
         {"stoppedSpamd",
          {"--spamd", stale, "--spam-reject", "20"},
          good,
          "$MAILSHARE/wrapper",
-         "PROBLEM spamd at " + stale + ": connect", {}},
+         "PROBLEM spamd at " + stale + ": connect",
+         {}},
         {"farmWithAStoppedMember",
          {"--clamd", Shared().clamd.socket, "--clamd", zmailer / "clamd.sock"},
          good,
          "$MAILSHARE/wrapper",
-         "PROBLEM clamd at " + zmailer / "clamd.sock: connect", {}},
-        {"wrapperWithBadOption", engines,
+         "PROBLEM clamd at " + zmailer / "clamd.sock: connect",
+         {}},
+        {"wrapperWithBadOption",
+         engines,
          "#!/bin/sh\necho 'PROBLEM --error-action tmpfail: not an action (fix: ...)'\nexit 1\n",
-         "$MAILSHARE/wrapper", "\nPROBLEM --error-action tmpfail: ", {}},
-        {"missingWrapper", engines, good, zmailer / "gone",
+         "$MAILSHARE/wrapper",
+         "\nPROBLEM --error-action tmpfail: ",
+         {}},
+        {"missingWrapper",
+         engines,
+         good,
+         zmailer / "gone",
          "PROBLEM " + zmailer / "smtpserver.conf line 2: contentfilter " + zmailer / "gone" +
-             " is missing or not executable", {}},
+             " is missing or not executable",
+         {}},
         {"unitWithoutEngine",
          {"--defaults-file", zmailer / "default"},
          good,
          "$MAILSHARE/wrapper",
-         "PROBLEM options from " + zmailer / "default: no engine: ", {}},
+         "PROBLEM options from " + zmailer / "default: no engine: ",
+         {}},
     };
     // The policy compiled by ZMailer's makedb, read by its dblook (the
     // policy's own faults are the real-ZMailer group's rows).
