@@ -28,6 +28,7 @@ const char Usage[] =
     "usage: vorex-zmailer-filter [--config FILE] [--filter PATH] [--secret-file FILE]\n"
     "                            [--job-limit SECONDS] [--log-file FILE] [--check]\n"
     "                            [--file QUEUED-FILE]\n"
+    "       vorex-zmailer-filter --help | --version\n"
     "\n"
     "Runs vorex-zmailer as smtpserver's content filter with the options in the\n"
     "configuration file, and answers every job line with one reply line and\n"
@@ -69,7 +70,7 @@ int main(int argc, char** argv)
     std::string configPath, secretPath, filterPath, logFile, queuedFile;
     int jobLimit = 100;
     po::options_description options("Options");
-    options.add_options()("help,h", "this text")(
+    options.add_options()("help,h", "this text")("version", "the version, then exit")(
         "config", po::value(&configPath)->default_value(VOREX_CONFIG), "the filter's options")(
         "filter", po::value(&filterPath)->default_value(VOREX_FILTER), "the filter program")(
         "secret-file", po::value(&secretPath)->default_value(SecretFile),
@@ -97,6 +98,10 @@ int main(int argc, char** argv)
     }
     if (given.count("help")) {
         std::cout << Usage << "\n" << options;
+        return 0;
+    }
+    if (given.count("version")) {
+        std::cout << "vorex-zmailer-filter " VOREX_VERSION "\n";
         return 0;
     }
     // A filter that is gone must not end the adapter through a write to it.

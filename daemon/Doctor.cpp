@@ -70,6 +70,12 @@ void Guard(CheckReport& report, const std::string& what, const std::function<voi
     }
 }
 
+// Debian's clamav-daemon does not start before freshclam has fetched a
+// signature database: the usual cause on a new host.
+const char* const ClamdDatabase =
+    "; Debian's clamav-daemon starts only once freshclam has downloaded a signature database"
+    " into /var/lib/clamav (systemctl status clamav-freshclam; or run freshclam once)";
+
 void CheckEngines(CheckReport& report, const DaemonConfig& config)
 {
     // Every upstream of every pool, one line each (the test engine is
@@ -87,8 +93,9 @@ void CheckEngines(CheckReport& report, const DaemonConfig& config)
             else
                 report.Problem(what, cause,
                                "start it (systemctl start " +
-                                   std::string(name == "clamd" ? "clamav-daemon" : name) +
-                                   ") or correct --" + name + " in OPTIONS in " + DefaultsFile);
+                                   std::string(name == "clamd" ? "clamav-daemon" : name) + ")" +
+                                   (name == "clamd" ? ClamdDatabase : "") + " or correct --" +
+                                   name + " in OPTIONS in " + DefaultsFile);
         }
     }
 }

@@ -26,6 +26,9 @@ const char* const TestMessage =
     "From: <quelt-refd-check@localhost>\nTo: <postmaster@localhost>\n"
     "Subject: quelt-refd --check\nMessage-ID: <quelt-refd-check@localhost>\n"
     "Date: Thu, 01 Jan 2026 00:00:00 +0000\n\nA clean test message of quelt-refd --check.\n";
+// The envelope as the filter writes it beside every message: engines that
+// are given the envelope (rspamd) read it.
+const char* const TestEnvelope = "from <quelt-refd-check@localhost>\nto <postmaster@localhost>\n";
 constexpr mode_t MsgsMode = 01770;
 constexpr mode_t SocketMode = 0660;
 
@@ -50,16 +53,19 @@ std::string RoundTrip(const std::string& baseDir, const passwd& account, bool& a
     const std::string dir = baseDir + conversation::EntriesFolder + "check." + std::to_string(::getpid());
     if (::mkdir(dir.c_str(), 0700) != 0)
         return "can not make " + dir + ": " + std::strerror(errno);
-    const std::string msg = dir + "/.msg";
     std::string answer;
     // Handed over through the descriptors made here, never by name.
     Fd dirFd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    Fd file(dirFd.IsValid() ? ::openat(dirFd.Get(), ".msg",
-                                       O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0660)
-                            : -1);
-    bool made = file.IsValid() && WriteAll(file.Get(), TestMessage, std::strlen(TestMessage)) &&
-                ::fchown(file.Get(), account.pw_uid, account.pw_gid) == 0;
-    made = file.Close() == 0 && made;
+    const auto make = [&](const char* name, const char* text) {
+        Fd file(dirFd.IsValid() ? ::openat(dirFd.Get(), name,
+                                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                                           0660)
+                                : -1);
+        const bool made = file.IsValid() && WriteAll(file.Get(), text, std::strlen(text)) &&
+                          ::fchown(file.Get(), account.pw_uid, account.pw_gid) == 0;
+        return file.Close() == 0 && made;
+    };
+    const bool made = make(".envelope", TestEnvelope) && make(".msg", TestMessage);
     if (!made || ::fchown(dirFd.Get(), account.pw_uid, account.pw_gid) != 0) {
         answer = "can not make the test entry " + dir + ": " + std::strerror(errno);
     } else {
@@ -82,7 +88,8 @@ std::string RoundTrip(const std::string& baseDir, const passwd& account, bool& a
     // Best effort: the entry is the check's own, and a leftover is named.
     (void)::unlink((dir + "/.msg.refd-new").c_str());
     (void)::unlink((dir + "/.decision").c_str()); // the record of the answer
-    (void)::unlink(msg.c_str());
+    (void)::unlink((dir + "/.msg").c_str());
+    (void)::unlink((dir + "/.envelope").c_str());
     if (::rmdir(dir.c_str()) != 0)
         answer += " (and " + dir + " is left over: remove it)";
     return answer;
@@ -148,7 +155,8 @@ bool CheckLayout(CheckReport& report, const std::string& baseDir, const passwd& 
         report.Problem("socket " + socket,
                        "neither " + std::string(account.pw_name) + "'s nor root:" + group +
                            ", each with mode " + Octal(SocketMode),
-                       "restart the daemon (systemctl restart quelt-refd.socket quelt-refd)");
+                       "let systemd make it again (systemctl stop quelt-refd quelt-refd.socket && "
+                       "systemctl start quelt-refd)");
     else
         report.Ok("socket " + socket);
     return true;

@@ -183,6 +183,10 @@ int Server::Run()
     const std::string msgsDir = settings.baseDir + conversation::EntriesFolderName;
     SweepKeptEntries(msgsDir, settings.keepHours, settings.metrics);
 
+    // Connections wait in the listener's queue meanwhile.
+    for (UpstreamPool* pool : settings.pools)
+        pool->PingEach();
+
     std::vector<std::thread> threads;
     threads.emplace_back(RunSweeper, msgsDir, settings.keepHours, stopRead.Get(), settings.metrics);
     if (!settings.pools.empty()) // the test engine has none
@@ -190,12 +194,16 @@ int Server::Run()
     for (int i = 0; i < settings.maxChecks; ++i)
         threads.emplace_back(&Server::Work, this);
     Say(LOG_INFO, "listening on " + socket.text);
+    // The unit (Type=notify) is started only now: options read, the socket
+    // ours, each engine asked once. Without systemd this does nothing.
+    (void)::sd_notify(0, "READY=1");
     if (settings.user.empty() && ::geteuid() == 0)
         Say(LOG_WARNING, "running as root: give --user to check mail as an account");
 
     int signal = 0;
     while (::sigwait(&stops, &signal) != 0) {
     }
+    (void)::sd_notify(0, "STOPPING=1");
     RequestStop();
     for (std::thread& thread : threads)
         thread.join();

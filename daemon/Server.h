@@ -1,8 +1,9 @@
 // daemon/Server.h: the daemon's service: takes the listening
 // socket systemd passes, or claims "quelt.sock" under the base directory and
 // binds it (root:<account's group> 0660 when started as root); drops to the
-// account, sweeps kept entries, probes the engines' upstreams that are down
-// (one thread for all pools), serves checks with a fixed pool of threads
+// account, sweeps kept entries, pings every upstream of the engines once,
+// tells systemd it is ready, probes the upstreams that are down (one thread
+// for all pools), serves checks with a fixed pool of threads
 // and stops cleanly on SIGTERM or SIGINT (no new connections; checks in
 // flight are answered; a socket it bound is removed). Failures to start
 // throw; the caller logs them.

@@ -162,6 +162,12 @@ void UpstreamPool::Ping(Deadline deadline)
         throw std::domain_error(causes);
 }
 
+void UpstreamPool::PingEach()
+{
+    for (std::size_t at = 0; at < upstreams.size(); ++at)
+        (void)PingOne(at, Clock::now() + PingTimeout); // a failure is marked and logged there
+}
+
 void UpstreamPool::ProbeDue(std::chrono::milliseconds timeout)
 {
     for (std::size_t at = 0; at < upstreams.size(); ++at) {

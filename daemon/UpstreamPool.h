@@ -51,6 +51,10 @@ public:
     // Pings upstream at and marks it up or down by the result: empty when
     // it answered, else the engine's failure.
     std::string PingOne(std::size_t at, Deadline deadline);
+    // Pings every upstream once, each within the prober's ping time-out,
+    // and marks it by its answer: at the start, an upstream that does not
+    // answer is down (its log line, its metric 0) before the first message.
+    void PingEach();
     // Pings the upstreams that are down past their revive time (the
     // background probe): each gets until now + timeout.
     void ProbeDue(std::chrono::milliseconds timeout);

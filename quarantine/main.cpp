@@ -161,7 +161,7 @@ int main(int argc, char** argv)
     Options options;
     po::options_description visible("Usage: vorex-quarantine [options] list|show ENTRY|release "
                                      "ENTRY [--to ADDRESS...]|delete ENTRY\nOptions");
-    visible.add_options()("help", "this text")(
+    visible.add_options()("help", "this text")("version", "the version, then exit")(
         "basedir", po::value(&options.basedir)->default_value("/var/vorex"),
         "the daemon's base directory (entries in its msgs/)")(
         "json", po::bool_switch(&options.json), "list: one JSON object for scripts")(
@@ -179,6 +179,10 @@ int main(int argc, char** argv)
         po::notify(values);
         if (values.count("help")) {
             std::cout << visible;
+            return 0;
+        }
+        if (values.count("version")) {
+            std::cout << "vorex-quarantine " VOREX_VERSION "\n";
             return 0;
         }
         return Run(options);

@@ -57,6 +57,9 @@ check "nothing under /usr/local or /var" bash -c "! grep -E ' \./(usr/local|var)
 root=$tmp/root
 check "vorex-zmailer --version" same "$("$root/usr/sbin/vorex-zmailer" --version 2>&1)" \
     "vorex-zmailer - version $version"
+for program in quelt-refd vorex-zmailer-filter vorex-quarantine; do
+    check "$program --version" same "$("$root/usr/sbin/$program" --version 2>&1)" "$program $version"
+done
 check "quelt-refd --help" "$root/usr/sbin/quelt-refd" --help
 check "vorex-zmailer stripped" stripped "$root/usr/sbin/vorex-zmailer"
 check "quelt-refd stripped" stripped "$root/usr/sbin/quelt-refd"
@@ -73,10 +76,10 @@ check "shipped options are the former wrapper's" same "$(grep -v '^#' "$root/etc
         '--log-filename syslog --facility mail --level info')"
 
 unit=$root/lib/systemd/system/quelt-refd.service
-for line in "Type=simple" "User=vorex" "Group=vorex" "EnvironmentFile=-/etc/default/quelt-refd" \
+for line in "Type=notify" "StartLimitIntervalSec=0" "User=vorex" "Group=vorex" "EnvironmentFile=-/etc/default/quelt-refd" \
     "RestartPreventExitStatus=2" \
     "ExecStart=/usr/sbin/quelt-refd --basedir /var/vorex --facility mail \$OPTIONS" \
-    "Requires=quelt-refd.socket" "ProtectProc=invisible" "IPAddressDeny=any"; do
+    "Wants=quelt-refd.socket" "ProtectProc=invisible" "IPAddressDeny=any"; do
     check "unit: $line" grep -qxF -- "$line" "$unit"
 done
 for line in "ListenStream=/var/vorex/quelt.sock" "SocketUser=vorex" "SocketGroup=vorex" \

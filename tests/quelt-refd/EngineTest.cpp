@@ -156,7 +156,8 @@ TEST_F(Engines, ClamdFarmLosesNoMessageWhileAMemberRestarts)
 }
 
 // A member that takes connections and never answers, or one that is
-// stopped: its messages are answered by another member within the deadline.
+// stopped: down from the ping at the start, and every message is answered
+// by another member within the deadline.
 TEST_F(Engines, FarmMemberHungOrStoppedIsReplacedByAnother)
 {
     TempDir dir;
@@ -198,7 +199,8 @@ TEST_F(Engines, FarmMemberHungOrStoppedIsReplacedByAnother)
         EXPECT_EQ(run.out, replies);
         std::string log;
         (void)daemon.Stop(&log);
-        EXPECT_NE(log.find(row.down), std::string::npos) << log;
+        // Found down by the ping at the start, before the first message.
+        EXPECT_NE(daemon.startLog.find(row.down), std::string::npos) << daemon.startLog;
         EXPECT_NE(log.find(row.answered), std::string::npos) << log;
     }
     ::close(listening);
@@ -235,7 +237,8 @@ TEST_F(Engines, MetricsCountWhatWasSent)
              "quelt_checks_in_flight 0", "quelt_kept_entries 2",
              "quelt_engine_results_total" + clamdAt + "clean\",upstream=\"" + clamd + "\"} 3",
              "quelt_engine_results_total" + clamdAt + "found\",upstream=\"" + clamd + "\"} 2",
-             "quelt_engine_results_total" + clamdAt + "error\",upstream=\"" + stopped + "\"} 1",
+             // down from the start: no message tried it
+             "quelt_engine_results_total" + clamdAt + "error\",upstream=\"" + stopped + "\"} 0",
              "quelt_engine_results_total" + spamdAt + "clean\",upstream=\"" +
                  Shared().spamd.socket + "\"} 3",
              "quelt_engine_duration_seconds_count{engine=\"clamd\",upstream=\"" + clamd + "\"} 5",
@@ -267,6 +270,41 @@ TEST_F(Engines, MetricsCountWhatWasSent)
         "pass clean \"<newsletter@sender.example>\"[\"<john.doe@corp.example>\"] clamd@" + clamd +
         ":clean spamd@" + Shared().spamd.socket + ":clean\n";
     EXPECT_EQ(lines, infected + infected + clean + clean + clean) << log;
+}
+
+// A wrong path in a farm is found at the start, not at the first message:
+// one log line before the daemon listens, and its metric 0 at once; the
+// member that answers is up.
+TEST_F(Engines, UnreachableMemberIsDownFromTheStart)
+{
+    TempDir dir;
+    const std::string missing = dir / "missing.sock";
+    const struct {
+        const char* engine;
+        std::string live;
+    } rows[] = {
+        {"clamd", Shared().clamd.socket},
+        {"spamd", Shared().spamd.socket},
+        {"rspamd", Shared().rspamd.socket},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.engine);
+        const std::string port = std::to_string(FreePort()),
+                          option = std::string("--") + row.engine;
+        RefDaemon daemon(basedir,
+                         {option, missing, option, row.live, "--metrics", "127.0.0.1:" + port});
+        const std::string down = row.engine + (" " + missing) + " down: ";
+        const std::size_t at = daemon.startLog.find(down);
+        EXPECT_NE(at, std::string::npos) << daemon.startLog;
+        EXPECT_EQ(daemon.startLog.find(down, at + 1), std::string::npos) << daemon.startLog;
+        EXPECT_NE(daemon.startLog.find("; 1 of 2 up\n"), std::string::npos) << daemon.startLog;
+        const std::string text =
+            RunProgram({"/usr/bin/curl", "-sf", "http://127.0.0.1:" + port + "/metrics"}).out;
+        const std::string series =
+            "quelt_upstream_up{engine=\"" + std::string(row.engine) + "\",upstream=\"";
+        for (const std::string& line : {series + missing + "\"} 0", series + row.live + "\"} 1"})
+            EXPECT_NE(text.find("\n" + line + "\n"), std::string::npos) << line << "\n" << text;
+    }
 }
 
 // rspamd behind spamd (which only tags): rspamd's actions as verdicts,
@@ -322,9 +360,8 @@ TEST_F(Engines, RspamdActionsAndDkimSignature)
     EXPECT_EQ(dkim("verify", ReadFile(root + "/signedTagged").substr(envEnd)), "verified\n");
 
     {
-        // A pool of a stopped rspamd and the live one: the round robin sends
-        // one of the first two messages to the stopped one first, and every
-        // message is still answered.
+        // A pool of a stopped rspamd and the live one: every message is
+        // answered (the stopped one is down from the start).
         RefDaemon pool(basedir,
                        {"--rspamd", basedir + "nothing.sock", "--rspamd", Shared().rspamd.socket});
         EXPECT_EQ(RunProgram(Args({"--interface", "0"}), Spool("p1", Clean) + "\n" +
@@ -341,9 +378,10 @@ TEST_F(Engines, RspamdActionsAndDkimSignature)
     EXPECT_EQ(ReadFile(root + "/down"), Clean);
 }
 
-// --check on a set-up of its own (a daemon as an account with both
+// --check on a set-up of its own (a daemon as an account with the row's
 // engines, a ZMailer configuration, a stand-in for the smtpserver wrapper's
-// --check): all well, then one fault per row, each named in a PROBLEM line.
+// --check): all well with each engine alone and with clamd and spamd, then
+// one fault per row, each named in a PROBLEM line.
 TEST_F(Engines, CheckNamesEachFaultOfTheSetUp)
 {
     const std::string msgs = basedir + "msgs";
@@ -352,45 +390,92 @@ TEST_F(Engines, CheckNamesEachFaultOfTheSetUp)
         ASSERT_TRUE(::chown(path.c_str(), 0, 65534) == 0 && ::chmod(path.c_str(), mode) == 0);
     const std::vector<std::string> engines = {
         "--clamd", Shared().clamd.socket, "--spamd", Shared().spamd.socket, "--spam-reject", "20"};
-    std::vector<std::string> asAccount = engines;
-    asAccount.insert(asAccount.end(), {"--user", "nobody"});
-    RefDaemon daemon(basedir, asAccount);
+    const std::vector<std::string> clamd = {"--clamd", Shared().clamd.socket},
+                                   spamd = {"--spamd", Shared().spamd.socket, "--spam-reject",
+                                            "20"},
+                                   rspamd = {"--rspamd", Shared().rspamd.socket};
     TempDir zmailer;
     const std::string stale = zmailer / "stopped.sock", wrapper = zmailer / "wrapper";
     ::close(PlayedDaemon::ListenOn(stale)); // a socket nobody listens on: spamd stopped
     const std::string good = "#!/bin/sh\necho 'ok filter options'\n";
+    const std::string answers = "\nok daemon answers: '",
+                      spamRejected = "\nok spam round trip: '" + RejectLine + " spam: ";
+    // Rows with a problem run against the daemon with clamd and spamd; the
+    // good set-ups name the daemon's engines and lines their report must hold.
     const struct {
         const char* name;
         std::vector<std::string> args;
         std::string wrapper, contentFilter, problem;
+        std::vector<std::string> okLines;
     } rows[] = {
-        {"goodSetUp", engines, good, "$MAILSHARE/wrapper", ""},
+        {"goodSetUp",
+         engines,
+         good,
+         "$MAILSHARE/wrapper",
+         "",
+         {answers, "\nok virus round trip (", spamRejected + "score "}},
+        {"goodClamdAlone",
+         clamd,
+         good,
+         "$MAILSHARE/wrapper",
+         "",
+         {answers, "\nok virus round trip (", "\nskipped spam round trip: "}},
+        {"goodSpamdAlone",
+         spamd,
+         good,
+         "$MAILSHARE/wrapper",
+         "",
+         {answers, "\nskipped virus round trip: ", spamRejected + "score "}},
+        {"goodRspamdAlone",
+         rspamd,
+         good,
+         "$MAILSHARE/wrapper",
+         "",
+         {"\nok rspamd at " + Shared().rspamd.socket + " answers GET /ping\n", answers,
+          spamRejected + "rspamd score "}},
         {"wrongClamdPath",
          {"--clamd", zmailer / "clamd.sock"},
          good,
          "$MAILSHARE/wrapper",
-         "PROBLEM clamd at " + zmailer / "clamd.sock: connect"},
+         "PROBLEM clamd at " + zmailer / "clamd.sock: connect",
+         {}},
+        {"clamdWithoutDatabaseIsNamed",
+         {"--clamd", zmailer / "clamd.sock"},
+         good,
+         "$MAILSHARE/wrapper",
+         "clamav-daemon starts only once freshclam has downloaded a signature database",
+         {}},
         {"stoppedSpamd",
          {"--spamd", stale, "--spam-reject", "20"},
          good,
          "$MAILSHARE/wrapper",
-         "PROBLEM spamd at " + stale + ": connect"},
+         "PROBLEM spamd at " + stale + ": connect",
+         {}},
         {"farmWithAStoppedMember",
          {"--clamd", Shared().clamd.socket, "--clamd", zmailer / "clamd.sock"},
          good,
          "$MAILSHARE/wrapper",
-         "PROBLEM clamd at " + zmailer / "clamd.sock: connect"},
-        {"wrapperWithBadOption", engines,
+         "PROBLEM clamd at " + zmailer / "clamd.sock: connect",
+         {}},
+        {"wrapperWithBadOption",
+         engines,
          "#!/bin/sh\necho 'PROBLEM --error-action tmpfail: not an action (fix: ...)'\nexit 1\n",
-         "$MAILSHARE/wrapper", "\nPROBLEM --error-action tmpfail: "},
-        {"missingWrapper", engines, good, zmailer / "gone",
+         "$MAILSHARE/wrapper",
+         "\nPROBLEM --error-action tmpfail: ",
+         {}},
+        {"missingWrapper",
+         engines,
+         good,
+         zmailer / "gone",
          "PROBLEM " + zmailer / "smtpserver.conf line 2: contentfilter " + zmailer / "gone" +
-             " is missing or not executable"},
+             " is missing or not executable",
+         {}},
         {"unitWithoutEngine",
          {"--defaults-file", zmailer / "default"},
          good,
          "$MAILSHARE/wrapper",
-         "PROBLEM options from " + zmailer / "default: no engine: "},
+         "PROBLEM options from " + zmailer / "default: no engine: ",
+         {}},
     };
     // The policy compiled by ZMailer's makedb, read by its dblook (the
     // policy's own faults are the real-ZMailer group's rows).
@@ -415,14 +500,16 @@ TEST_F(Engines, CheckNamesEachFaultOfTheSetUp)
         check.insert(check.end(), row.args.begin(), row.args.end());
         if (row.args[0] != "--defaults-file")
             check.insert(check.end(), {"--basedir", basedir});
+        std::vector<std::string> daemonArgs = row.problem.empty() ? row.args : engines;
+        daemonArgs.insert(daemonArgs.end(), {"--user", "nobody"});
+        RefDaemon daemon(basedir, daemonArgs);
         std::string out;
         const int status = ChildProcess(check).Wait(&out);
         if (row.problem.empty()) {
             EXPECT_EQ(status, 0);
-            EXPECT_FALSE(std::regex_search(out, std::regex("(^|\n)[^o]"))) << out;
-            EXPECT_NE(out.find("ok spam round trip: '" + RejectLine + " spam: score "),
-                      std::string::npos)
-                << out;
+            EXPECT_FALSE(std::regex_search(out, std::regex("(^|\n)(?!ok |skipped |$)"))) << out;
+            for (const std::string& line : row.okLines)
+                EXPECT_NE(("\n" + out).find(line), std::string::npos) << line << "\n" << out;
         } else {
             EXPECT_EQ(status, 1);
             EXPECT_NE(out.find(row.problem), std::string::npos) << out;
