@@ -1,0 +1,141 @@
+# bench/compare.py: one figure of the table. A comparison runs ours and the
+# baseline in turns (ours first in even repetitions, the baseline in odd
+# ones) until the interquartile range of the judged ratio lies within
+# +-SETTLE of its median, or the row's time bound has passed; a row that did
+# not settle is reported as such, never as met or missed. Ratios are per
+# repetition (the two runs of one repetition follow each other, so other
+# load on the machine weighs on both alike) and the figure is their median.
+import statistics
+import sys
+import time
+from dataclasses import dataclass, field
+
+from meter import measure
+
+SETTLE = 0.03
+MIN_REPS = 5
+
+
+def say(text):
+    print(text, file=sys.stderr, flush=True)
+
+
+def quartiles(values):
+    """(first quartile, median, third quartile)."""
+    if len(values) == 1:
+        return values[0], values[0], values[0]
+    q1, q2, q3 = statistics.quantiles(values, n=4, method="inclusive")
+    return q1, q2, q3
+
+
+def spread(values):
+    """The interquartile range as fractions of the median: (below, above)."""
+    q1, median, q3 = quartiles(values)
+    return q1 / median - 1, q3 / median - 1
+
+
+def settled(values):
+    below, above = spread(values)
+    return len(values) >= MIN_REPS and max(-below, above) <= SETTLE
+
+
+@dataclass
+class Row:
+    """A figure. Times are compared as ours / baseline; a throughput row
+    shows baseline / ours, so that higher is better there and the target
+    reads that way. count is how many of unit (message, process, run) one
+    run of a side handles. judge says which ratio decides the target: "cpu"
+    (all processes on the path) or "wall"."""
+    key: str
+    figure: str
+    ours: object  # meter.Side
+    baseline: object
+    count: int = 1
+    unit: str = "message"
+    throughput: bool = True
+    judge: str = "cpu"
+    target: tuple = None  # (operator, value) on the shown ratio
+    bound: float = 60.0  # seconds of repetitions before giving up settling
+    reps: list = field(default_factory=list)
+    load: str = ""
+
+    def shown(self, ratio):
+        return 1 / ratio if self.throughput else ratio
+
+    def ratios(self, kind):
+        return [self.shown(rep[kind]) for rep in self.reps]
+
+    def median_ratio(self, kind):
+        return statistics.median(self.ratios(kind))
+
+    def is_settled(self):
+        return settled(self.ratios(self.judge))
+
+    def result(self):
+        if self.target is None:
+            return "context"
+        if not self.is_settled():
+            return "UNSETTLED"
+        op, value = self.target
+        ratio = self.median_ratio(self.judge)
+        met = {">=": ratio >= value, "<=": ratio <= value, "<": ratio < value}[op]
+        return "met" if met else "MISSED"
+
+    def component_costs(self, side):
+        """Median CPU seconds per unit of each process."""
+        names = sorted({name for rep in self.reps for name in rep[side].cpu})
+        return {name: statistics.median(rep[side].cpu.get(name, 0.0) for rep in self.reps)
+                / self.count for name in names}
+
+
+def _per_unit(seconds, count):
+    return f"{seconds / count * 1e6:.0f} us" if count > 1 else f"{seconds * 1e3:.2f} ms"
+
+
+def run(row, stderr_path):
+    """Warms both sides once (checking their output), then repeats."""
+    for side in (row.ours, row.baseline):
+        measure(side, stderr_path)
+        if side.check is not None:
+            side.check()
+    say(f"== {row.figure}")
+    start = time.monotonic()
+    while True:
+        r = len(row.reps)
+        order = ("ours", "baseline") if r % 2 == 0 else ("baseline", "ours")
+        samples = {name: measure(getattr(row, name), stderr_path) for name in order}
+        ours, baseline = samples["ours"], samples["baseline"]
+        row.reps.append({"ours": ours, "baseline": baseline,
+                         "cpu": ours.cpu_total / baseline.cpu_total,
+                         "wall": ours.wall / baseline.wall})
+        say(f"   rep {r + 1}: cpu {_per_unit(ours.cpu_total, row.count)} vs "
+            f"{_per_unit(baseline.cpu_total, row.count)} ({row.shown(row.reps[-1]['cpu']):.3f}),"
+            f" wall {_per_unit(ours.wall, row.count)} vs {_per_unit(baseline.wall, row.count)}"
+            f" ({row.shown(row.reps[-1]['wall']):.3f})")
+        if row.is_settled() or (len(row.reps) >= MIN_REPS and time.monotonic() - start > row.bound):
+            break
+    for side in (row.ours, row.baseline):
+        if side.check is not None:
+            side.check()
+    say("   " + summary(row))
+
+
+def describe_spread(values):
+    below, above = spread(values)
+    return f"{below * 100:+.1f}/{above * 100:+.1f} %"
+
+
+def summary(row):
+    parts = []
+    for kind in ("cpu", "wall"):
+        mark = "*" if kind == row.judge else ""
+        parts.append(f"{kind}{mark} {row.median_ratio(kind):.3f} "
+                     f"(IQR {describe_spread(row.ratios(kind))})")
+    costs = []
+    for side in ("ours", "baseline"):
+        each = ", ".join(f"{name} {_per_unit(value * row.count, row.count)}"
+                         for name, value in row.component_costs(side).items())
+        costs.append(f"{side}: {each}")
+    unit = f"per {row.unit}"
+    return (f"{'; '.join(parts)}; {len(row.reps)} repetitions; {row.result()}\n"
+            f"   cpu {unit}: {' | '.join(costs)}")
