@@ -10,7 +10,7 @@ import sys
 import time
 from dataclasses import dataclass, field
 
-from meter import measure
+from meter import Sample, measure
 
 SETTLE = 0.03
 MIN_REPS = 5
@@ -48,8 +48,8 @@ class Row:
     (all processes on the path) or "wall"."""
     key: str
     figure: str
-    ours: object  # meter.Side
-    baseline: object
+    ours: list  # meter.Side per slice of the work
+    baseline: list
     count: int = 1
     unit: str = "message"
     throughput: bool = True
@@ -92,19 +92,39 @@ def _per_unit(seconds, count):
     return f"{seconds / count * 1e6:.0f} us" if count > 1 else f"{seconds * 1e3:.2f} ms"
 
 
-def run(row, stderr_path):
-    """Warms both sides once (checking their output), then repeats."""
-    for side in (row.ours, row.baseline):
-        measure(side, stderr_path)
+def _merge(samples):
+    cpu = {}
+    for sample in samples:
+        for name, seconds in sample.cpu.items():
+            cpu[name] = cpu.get(name, 0.0) + seconds
+    return Sample(sum(s.wall for s in samples), cpu)
+
+
+def _check(sides):
+    for side in sides:
         if side.check is not None:
             side.check()
+
+
+def run(row, stderr_path):
+    """Warms every slice of both sides once (checking their output), then
+    repeats. One repetition runs the slices of ours and the baseline in
+    pairs, alternating which goes first, so that a burst of other work on
+    the machine falls on both alike; its ratio is that of the sums."""
+    for side in row.ours + row.baseline:
+        measure(side, stderr_path)
+    _check(row.ours + row.baseline)
     say(f"== {row.figure}")
     start = time.monotonic()
     while True:
         r = len(row.reps)
-        order = ("ours", "baseline") if r % 2 == 0 else ("baseline", "ours")
-        samples = {name: measure(getattr(row, name), stderr_path) for name in order}
-        ours, baseline = samples["ours"], samples["baseline"]
+        taken = {"ours": [], "baseline": []}
+        for k, pair in enumerate(zip(row.ours, row.baseline)):
+            order = (0, 1) if (r + k) % 2 == 0 else (1, 0)
+            for which in order:
+                name = ("ours", "baseline")[which]
+                taken[name].append(measure(pair[which], stderr_path))
+        ours, baseline = _merge(taken["ours"]), _merge(taken["baseline"])
         row.reps.append({"ours": ours, "baseline": baseline,
                          "cpu": ours.cpu_total / baseline.cpu_total,
                          "wall": ours.wall / baseline.wall})
@@ -114,9 +134,7 @@ def run(row, stderr_path):
             f" ({row.shown(row.reps[-1]['wall']):.3f})")
         if row.is_settled() or (len(row.reps) >= MIN_REPS and time.monotonic() - start > row.bound):
             break
-    for side in (row.ours, row.baseline):
-        if side.check is not None:
-            side.check()
+    _check(row.ours + row.baseline)
     say("   " + summary(row))
 
 

@@ -75,6 +75,47 @@ class Bench:
         return Command(component, [self.filter, "--interface", "1", *args],
                        stdin=paths_file, stdout=self.output(output))
 
+    def sliced(self, name, items, make):
+        """One Side per slice of items (--slices consecutive parts): make(tag,
+        part, list_file) with a tag for output names and the part's items,
+        one a line, in list_file."""
+        size = -(-len(items) // min(self.options.slices, len(items)))
+        sides = []
+        for k in range(0, len(items), size):
+            part = items[k:k + size]
+            tag = f"{name}.{k // size}"
+            list_file = os.path.join(self.work, tag + ".list")
+            write_lines(list_file, part)
+            sides.append(make(tag, part, list_file))
+        return sides
+
+    def filter_sides(self, name, spools, daemons, reply, base=None):
+        """One filter process per slice over its spool files."""
+        return self.sliced(name, spools, lambda tag, part, listed: Side(
+            [[self.filter_over(listed, tag, base)]], dict(daemons),
+            check=self.replies(tag, reply, len(part), base)))
+
+    def entry_sides(self, name, entries, daemons):
+        """bench-roundtrip asking the daemon about prepared entries, one
+        request at a time; each must be answered "1 clean"."""
+        def make(tag, part, listed):
+            def check():
+                with open(self.output(tag)) as text:
+                    got = sum(1 for line in text if line == "1 clean\n")
+                if got != len(part):
+                    raise BenchError(f"quelt-refd answered '1 clean' for {got} of "
+                                     f"{len(part)} entries")
+            return Side([[Command("bench-roundtrip", [self.tool("bench-roundtrip"), "--entries",
+                                                      self.base],
+                                  stdin=listed, stdout=self.output(tag))]], dict(daemons),
+                        check=check)
+        return self.sliced(name, entries, make)
+
+    def list_of(self, tag, items):
+        list_file = os.path.join(self.work, tag + ".items")
+        write_lines(list_file, items)
+        return list_file
+
     def replies(self, output, prefix, count, base=None):
         return lambda: expect_replies(self.output(output), prefix, count, base or self.base)
 
@@ -98,27 +139,28 @@ class Bench:
         conf, secret = os.path.join(self.work, "adapter.conf"), os.path.join(self.work, "secret")
         write_lines(conf, site)
         write_lines(secret, [SECRET])
-        jobs = os.path.join(self.work, "jobs")
-        with open(os.path.join(self.work, "paths")) as paths:
-            write_lines(jobs, paths.read().splitlines()[:self.adapter_messages])
         log = os.path.join(self.work, "adapter.log")
         driver = self.tool("bench-roundtrip")
-        ours = Command("driver+adapter+filter",
-                       [driver, "--smtpserver", self.tool("vorex-zmailer-filter"), "--config",
-                        conf, "--filter", self.filter, "--secret-file", secret, "--log-file", log],
-                       stdin=jobs, stdout=self.output("adapter"))
-        direct = Command("driver+filter",
-                         [driver, "--smtpserver", self.filter, *site, "--hash", SECRET,
-                          "--interface", "1"], stdin=jobs, stdout=self.output("direct"))
+        with open(os.path.join(self.work, "paths")) as paths:
+            jobs = paths.read().splitlines()[:self.adapter_messages]
 
-        def check_adapter():
-            expect_replies(self.output("adapter"), reply, self.adapter_messages, self.base)
-            if os.path.exists(log) and os.path.getsize(log) > 0:
-                with open(log) as text:
-                    raise BenchError(f"the adapter logged: {text.read()[:300]}")
-        return (Side([[ours]], dict(daemons), check=check_adapter),
-                Side([[direct]], dict(daemons),
-                     check=self.replies("direct", reply, self.adapter_messages)))
+        def adapter(tag, part, listed):
+            def check():
+                expect_replies(self.output(tag), reply, len(part), self.base)
+                if os.path.exists(log) and os.path.getsize(log) > 0:
+                    with open(log) as text:
+                        raise BenchError(f"the adapter logged: {text.read()[:300]}")
+            return Side([[Command("driver+adapter+filter", [
+                driver, "--smtpserver", self.tool("vorex-zmailer-filter"), "--config", conf,
+                "--filter", self.filter, "--secret-file", secret, "--log-file", log],
+                stdin=listed, stdout=self.output(tag))]], dict(daemons), check=check)
+
+        def direct(tag, part, listed):
+            return Side([[Command("driver+filter", [driver, "--smtpserver", self.filter, *site,
+                                                    "--hash", SECRET, "--interface", "1"],
+                                  stdin=listed, stdout=self.output(tag))]], dict(daemons),
+                        check=self.replies(tag, reply, len(part)))
+        return self.sliced("adapter", jobs, adapter), self.sliced("direct", jobs, direct)
 
     # ------------------------------------------------------------------
     def group_messages(self):
@@ -129,14 +171,15 @@ class Bench:
             f"{os.path.getsize(spools[0])} bytes")
         refd = start_refd(self.daemons, self.refd, self.base, "--test-engine", "--verdict", "1")
         daemons = {"quelt-refd": refd.pid}
-        filter_side = Side([[self.filter_over(paths, "filter")]], daemons,
-                           check=self.replies("filter", PASS_REPLY, self.messages))
-        floor = Side([[Command("bench-floor", [self.tool("bench-floor"), self.base], stdin=paths,
-                               stdout=self.output("floor"))]], daemons,
-                     check=self.replies("floor", PASS_REPLY, self.messages))
-        roundtrip = Side([[Command("bench-roundtrip", [self.tool("bench-roundtrip"), self.base],
-                                   stdin=paths, stdout=self.output("roundtrip"))]], daemons,
-                         check=self.replies("roundtrip", "1", self.messages))
+        filter_side = self.filter_sides("filter", spools, daemons, PASS_REPLY)
+        floor = self.sliced("floor", spools, lambda tag, part, listed: Side(
+            [[Command("bench-floor", [self.tool("bench-floor"), self.base], stdin=listed,
+                      stdout=self.output(tag))]], daemons,
+            check=self.replies(tag, PASS_REPLY, len(part))))
+        roundtrip = self.sliced("roundtrip", spools, lambda tag, part, listed: Side(
+            [[Command("bench-roundtrip", [self.tool("bench-roundtrip"), self.base], stdin=listed,
+                      stdout=self.output(tag))]], daemons,
+            check=self.replies(tag, "1", len(part))))
         self.figure(Row("per_message", "content filter, 4 KiB messages (baseline: floor)",
                         filter_side, floor, count=self.messages, target=(">=", 0.8)))
         self.figure(Row("per_message_roundtrip",
@@ -162,10 +205,12 @@ class Bench:
         say(f"== router stage: {starts} processes on one 4 KiB file")
         refd = start_refd(self.daemons, self.refd, self.base, "--test-engine", "--verdict", "1")
         argv, env = router_stage_command(self, spool)
-        ours = Side([[Command("filter", argv, stdout=self.output("router"), env=env)]] * starts,
-                    {"quelt-refd": refd.pid},
-                    check=self.replies("router", PASS_REPLY, 1))
-        baseline = Side([[Command("bench-null", [null])]] * starts)
+        runs = [str(k) for k in range(starts)]
+        ours = self.sliced("router", runs, lambda tag, part, listed: Side(
+            [[Command("filter", argv, stdout=self.output(tag), env=env)]] * len(part),
+            {"quelt-refd": refd.pid}, check=self.replies(tag, PASS_REPLY, 1)))
+        baseline = self.sliced("null", runs, lambda tag, part, listed: Side(
+            [[Command("bench-null", [null])]] * len(part)))
         self.figure(Row("router_startup",
                         "router stage, one process per 4 KiB message (baseline: bench-null, "
                         "the filter's libraries)", ours, baseline, count=starts,
@@ -205,17 +250,17 @@ class Bench:
                 if not filecmp.cmp(spool, original, shallow=False):
                     raise BenchError("the rewritten spool file differs")
             argv, env = router_stage_command(self, spool)
-            ours = Side([[Command("filter", argv, stdout=self.output("changed"), env=env)]],
-                        {"quelt-refd": refd.pid}, check=unchanged)
-            baseline = Side([[Command("cp", ["cp", part, copy])],
-                             [Command("cp", ["cp", copy, target])],
-                             [Command("fsync", ["sync", target])]])
+            ours = [Side([[Command("filter", argv, stdout=self.output("changed"), env=env)]],
+                         {"quelt-refd": refd.pid}, check=unchanged)]
+            baseline = [Side([[Command("cp", ["cp", part, copy])],
+                              [Command("cp", ["cp", copy, target])],
+                              [Command("fsync", ["sync", target])]])]
             row = Row(f"content_changed_{mib}mib",
                       f"content changed, {mib} MiB (baseline: two cp and one fsync)",
                       ours, baseline, unit="run", throughput=False, judge="wall",
                       target=("<=", 1.3) if mib >= 16 else None)
             self.figure(row)
-            peak[mib] = max(rep["ours"].max_rss_kib for rep in row.reps)
+            peak[mib] = self.peak_rss(argv, env)
             for name in (spool, original, part, copy, target):
                 os.unlink(name)
         self.daemons.stop(refd)
@@ -226,6 +271,16 @@ class Bench:
         self.single("peak_rss_large",
                     f"peak RSS, content changed, {large} MiB (baseline: 16 MiB)",
                     peak[large], 16384, ("<", 1))
+
+    def peak_rss(self, argv, env):
+        """The filter's peak resident set in KiB, from /usr/bin/time: a
+        program this bench starts itself would report the bench's own peak,
+        which the kernel carries over the exec."""
+        report = os.path.join(self.work, "rss")
+        subprocess.run(["/usr/bin/time", "-f", "%M", "-o", report, *argv], check=True,
+                       stdout=subprocess.DEVNULL, env=env)
+        with open(report) as text:
+            return int(text.read().split()[-1])
 
     def single(self, key, figure, ours, baseline, target):
         ratio = ours / baseline
@@ -254,10 +309,10 @@ class Bench:
             if os.path.getsize(original) - os.path.getsize(spool) != len(hash_line) + 1:
                 raise BenchError("the hash header line was not cut out")
         argv, env = router_stage_command(self, spool)
-        ours = Side([[Command("filter", argv, stdout=self.output("hash"), env=env)]],
-                    {"quelt-refd": refd.pid},
-                    prepare=lambda: shutil.copyfile(original, spool), check=cut)
-        baseline = Side([[Command("cp", ["cp", original, os.path.join(directory, "copy")])]])
+        ours = [Side([[Command("filter", argv, stdout=self.output("hash"), env=env)]],
+                     {"quelt-refd": refd.pid},
+                     prepare=lambda: shutil.copyfile(original, spool), check=cut)]
+        baseline = [Side([[Command("cp", ["cp", original, os.path.join(directory, "copy")])]])]
         self.figure(Row("hash_removal_large",
                         f"hash-header removal, {large} MiB (baseline: one cp)", ours, baseline,
                         unit="run", throughput=False, judge="wall", target=("<=", 1.5)))
@@ -289,11 +344,13 @@ class Bench:
                 if ok != count:
                     raise BenchError(f"clamdscan found {ok} of {count} files clean")
             return check
+
+        def scans(name, files):
+            return self.sliced(name, files, lambda tag, part, listed: Side(
+                [[clamdscan(part, tag)]], {"clamd": clamd.pid}, check=all_ok(tag, len(part))))
         with_refd = {"quelt-refd": refd.pid, "clamd": clamd.pid}
-        filter_clamd = Side([[self.filter_over(paths, "filter")]], with_refd,
-                            check=self.replies("filter", clean, n))
-        scan = Side([[clamdscan(spools, "clamdscan")]], {"clamd": clamd.pid},
-                    check=all_ok("clamdscan", n))
+        filter_clamd = self.filter_sides("filter", spools, with_refd, clean)
+        scan = scans("clamdscan", spools)
         self.figure(Row("clamd_overhead",
                         "filter + quelt-refd + clamd, 4 KiB (baseline: clamdscan --fdpass)",
                         filter_clamd, scan, count=n, target=(">=", 0.9)))
@@ -301,22 +358,8 @@ class Bench:
         # The daemon's own cost: bench-roundtrip asks it about entries made
         # once beforehand, as the filter makes them, one request at a time.
         entries = prepare_entries(self.base, "bench", spools, lambda line: True)
-        entry_list = os.path.join(self.work, "entries")
-        write_lines(entry_list, entries)
-
-        def all_clean(output):
-            def check():
-                with open(self.output(output)) as text:
-                    got = sum(1 for line in text if line == "1 clean\n")
-                if got != n:
-                    raise BenchError(f"quelt-refd answered '1 clean' for {got} of {n} entries")
-            return check
-        refd_entries = Side([[Command("bench-roundtrip", [self.tool("bench-roundtrip"),
-                                                          "--entries", self.base],
-                                      stdin=entry_list, stdout=self.output("entries"))]],
-                            with_refd, check=all_clean("entries"))
-        scan_msgs = Side([[clamdscan([e + "/.msg" for e in entries], "clamdscan-msgs")]],
-                         {"clamd": clamd.pid}, check=all_ok("clamdscan-msgs", n))
+        refd_entries = self.entry_sides("entries", entries, with_refd)
+        scan_msgs = scans("clamdscan-msgs", [e + "/.msg" for e in entries])
         self.figure(Row("refd_cost", "bench-roundtrip + quelt-refd + clamd, prepared entries "
                         "(baseline: clamdscan --fdpass)", refd_entries, scan_msgs, count=n,
                         target=(">=", 0.9)))
@@ -327,10 +370,10 @@ class Bench:
         # daemon that answers a fixed verdict, then clamdscan alone.
         fixed_base = os.path.join(self.work, "fixed") + "/"
         fixed = start_refd(self.daemons, self.refd, fixed_base, "--test-engine", "--verdict", "1")
-        parts = Side([[self.filter_over(paths, "fixed", fixed_base)],
-                      [clamdscan(spools, "clamdscan")]],
-                     {"quelt-refd": fixed.pid, "clamd": clamd.pid},
-                     check=self.replies("fixed", PASS_REPLY, n, fixed_base))
+        parts = self.sliced("parts", spools, lambda tag, part, listed: Side(
+            [[self.filter_over(listed, tag, fixed_base)], [clamdscan(part, tag + ".scan")]],
+            {"quelt-refd": fixed.pid, "clamd": clamd.pid},
+            check=self.replies(tag, PASS_REPLY, len(part), fixed_base)))
         self.figure(Row("whole_path", "filter + quelt-refd + clamd (baseline: filter with a "
                         "fixed verdict + clamdscan)", filter_clamd, parts, count=n,
                         target=(">=", 0.95)))
@@ -346,9 +389,8 @@ class Bench:
         pool_base = os.path.join(self.work, "pool") + "/"
         pool = start_refd(self.daemons, self.refd, pool_base, "--clamd", clamd_socket,
                           "--clamd", clamd_socket)
-        pool_side = Side([[self.filter_over(paths, "pool", pool_base)]],
-                         {"quelt-refd": pool.pid, "clamd": clamd.pid},
-                         check=self.replies("pool", clean, n, pool_base))
+        pool_side = self.filter_sides("pool", spools, {"quelt-refd": pool.pid,
+                                                       "clamd": clamd.pid}, clean, pool_base)
         self.figure(Row("clamd_pool", "filter + quelt-refd + clamd, pool of two upstreams on "
                         "one clamd (baseline: one upstream)", pool_side, filter_clamd, count=n,
                         target=(">=", 0.97)))
@@ -358,9 +400,9 @@ class Bench:
         metrics_base = os.path.join(self.work, "metrics") + "/"
         metrics = start_refd(self.daemons, self.refd, metrics_base, "--clamd", clamd_socket,
                              "--metrics", "127.0.0.1:0")
-        metrics_side = Side([[self.filter_over(paths, "metrics", metrics_base)]],
-                            {"quelt-refd": metrics.pid, "clamd": clamd.pid},
-                            check=self.replies("metrics", clean, n, metrics_base))
+        metrics_side = self.filter_sides("metrics", spools, {"quelt-refd": metrics.pid,
+                                                             "clamd": clamd.pid}, clean,
+                                         metrics_base)
         self.figure(Row("metrics_on", "filter + quelt-refd + clamd, metrics on (baseline: "
                         "metrics off)", metrics_side, filter_clamd, count=n,
                         target=(">=", 0.98)))
@@ -392,9 +434,9 @@ class Bench:
                                self.base)
         daemons = {"quelt-refd": refd.pid}
         self.figure(Row("four_filters", "four filters in parallel, engines off (baseline: one "
-                        "filter)", Side([quarters], daemons, check=all_passed),
-                        Side([[self.filter_over(paths, "filter")]], daemons,
-                             check=self.replies("filter", PASS_REPLY, self.messages)),
+                        "filter)", [Side([quarters], daemons, check=all_passed)],
+                        [Side([[self.filter_over(paths, "filter")]], daemons,
+                              check=self.replies("filter", PASS_REPLY, self.messages))],
                         count=self.messages, judge="wall", target=(">=", 1.7)))
         self.daemons.stop(refd)
 
@@ -420,7 +462,8 @@ class Bench:
                           "--clamd", b_socket, "--revive-seconds", str(FARM_REVIVE),
                           on_line=lambda stamp, line: lines.append((stamp, line)))
         self.daemons.stop(clamd_b)
-        os.unlink(b_socket)
+        if os.path.exists(b_socket):  # clamd usually removes it itself
+            os.unlink(b_socket)
         args = list(self.filter_args)
         args[-1] = farm_base
         feeder = subprocess.Popen([self.filter, "--interface", "1", *args],
@@ -498,25 +541,22 @@ class Bench:
         refd = start_refd(self.daemons, self.refd, self.base, "--rspamd", socket)
         entries = prepare_entries(self.base, "rspamd", spools,
                                   lambda line: line.startswith(("from ", "to ")))
-        entry_list = os.path.join(self.work, "rspamd-entries")
-        write_lines(entry_list, entries)
-
-        def counted(output, text, what):
-            def check():
-                with open(self.output(output)) as answers:
-                    got = sum(1 for line in answers if line.startswith(text))
-                if got != n:
-                    raise BenchError(f"{what} answered '{text}' {got} times, want {n}")
-            return check
-        rspamc = Command("rspamc", ["rspamc", "-h", socket, "-n", "1", *emls],
-                         stdout=self.output("rspamc"))
-        alone = Side([[rspamc]], {"rspamd": rspamd.pid},
-                     check=counted("rspamc", "Action: no action", "rspamc"))
         with_refd = {"quelt-refd": refd.pid, "rspamd": rspamd.pid}
-        refd_entries = Side([[Command("bench-roundtrip", [self.tool("bench-roundtrip"),
-                                                          "--entries", self.base],
-                                      stdin=entry_list, stdout=self.output("rspamd-entries"))]],
-                            with_refd, check=counted("rspamd-entries", "1 clean", "quelt-refd"))
+
+        def rspamc(tag, part):
+            return Command("rspamc", ["rspamc", "-h", socket, "-n", "1", *part],
+                           stdout=self.output(tag))
+
+        def no_action(tag, count):
+            def check():
+                with open(self.output(tag)) as answers:
+                    got = sum(1 for line in answers if line.startswith("Action: no action"))
+                if got != count:
+                    raise BenchError(f"rspamc answered 'no action' {got} times, want {count}")
+            return check
+        alone = self.sliced("rspamc", emls, lambda tag, part, listed: Side(
+            [[rspamc(tag, part)]], {"rspamd": rspamd.pid}, check=no_action(tag, len(part))))
+        refd_entries = self.entry_sides("rspamd-entries", entries, with_refd)
         self.figure(Row("rspamd_overhead", "bench-roundtrip + quelt-refd + rspamd, prepared "
                         "entries (baseline: rspamc, one at a time)", refd_entries, alone,
                         count=n, target=(">=", 0.9)))
@@ -524,11 +564,15 @@ class Bench:
             shutil.rmtree(entry)
         fixed_base = os.path.join(self.work, "fixed-rspamd") + "/"
         fixed = start_refd(self.daemons, self.refd, fixed_base, "--test-engine", "--verdict", "1")
-        whole = Side([[self.filter_over(paths, "rspamd")]], with_refd,
-                     check=self.replies("rspamd", PASS_REPLY + " clean", n))
-        parts = Side([[self.filter_over(paths, "fixed", fixed_base)], [rspamc]],
-                     {"quelt-refd": fixed.pid, "rspamd": rspamd.pid},
-                     check=self.replies("fixed", PASS_REPLY, n, fixed_base))
+        whole = self.filter_sides("rspamd", spools, with_refd, PASS_REPLY + " clean")
+        # A slice of numbers: spool file k and its message part k.
+        numbers = [str(k) for k in range(len(spools))]
+        parts = self.sliced("parts-rspamd", numbers, lambda tag, part, listed: Side(
+            [[self.filter_over(self.list_of(tag, [spools[int(k)] for k in part]), tag,
+                               fixed_base)],
+             [rspamc(tag + ".rspamc", [emls[int(k)] for k in part])]],
+            {"quelt-refd": fixed.pid, "rspamd": rspamd.pid},
+            check=self.replies(tag, PASS_REPLY, len(part), fixed_base)))
         self.figure(Row("rspamd_parts", "filter + quelt-refd + rspamd, 4 KiB (baseline: "
                         "fixed-verdict filter + rspamc)", whole, parts, count=n,
                         target=(">=", 0.95)))

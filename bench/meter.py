@@ -94,7 +94,6 @@ class Side:
 class Sample:
     wall: float  # seconds
     cpu: dict  # component -> seconds
-    max_rss_kib: int = 0
 
     @property
     def cpu_total(self):
@@ -123,7 +122,6 @@ def measure(side, stderr_path):
         side.prepare()
     before = {name: tree_cpu_ns(pid) for name, pid in side.daemons.items()}
     cpu = {}
-    max_rss = 0
     start = time.perf_counter()
     for step in side.steps:
         running = [(_spawn(command, stderr_path), command) for command in step]
@@ -135,11 +133,10 @@ def measure(side, stderr_path):
                                  f"its errors: {_tail(stderr_path)}")
             cpu[command.component] = (cpu.get(command.component, 0.0)
                                       + usage.ru_utime + usage.ru_stime)
-            max_rss = max(max_rss, usage.ru_maxrss)
     wall = time.perf_counter() - start
     for name, pid in side.daemons.items():
         cpu[name] = (tree_cpu_ns(pid) - before[name]) / 1e9
-    return Sample(wall, cpu, max_rss)
+    return Sample(wall, cpu)
 
 
 def _tail(path, lines=3):
