@@ -37,7 +37,7 @@ def arguments():
     parser = argparse.ArgumentParser(prog="scripts/bench", description=(
         "Measures vorex-zmailer beside a baseline for each figure; repeats each "
         "until its ratio settles or --row-seconds pass."))
-    parser.add_argument("--messages", type=positive, default=1000,
+    parser.add_argument("--messages", type=positive, default=2000,
                         help="4 KiB spool files per run of the per-message figures")
     parser.add_argument("--large-mib", type=positive, default=256,
                         help="the largest message of the content-changed figures")
@@ -45,7 +45,7 @@ def arguments():
                         help="processes per run of the router-stage figure")
     parser.add_argument("--slices", type=positive, default=8,
                         help="parts of the work, ours and the baseline's taken in turns")
-    parser.add_argument("--row-seconds", type=positive, default=60,
+    parser.add_argument("--row-seconds", type=positive, default=45,
                         help="repetitions of one figure stop settling after this")
     parser.add_argument("--only", default="",
                         help="comma-separated groups: messages,router,content,hash,clamd,rspamd")
@@ -104,6 +104,8 @@ def as_json(row):
                   for kind in ("cpu", "wall")},
         "cpu_per_unit_s": {side: row.component_costs(side) for side in ("ours", "baseline")},
         "repetitions": [{"ours": sample(rep["ours"]), "baseline": sample(rep["baseline"]),
+                         "slices": [{"ours": sample(o), "baseline": sample(b)}
+                                    for o, b in rep["slices"]],
                          "cpu_ratio": row.shown(rep["cpu"]),
                          "wall_ratio": row.shown(rep["wall"])} for rep in row.reps],
     }

@@ -109,8 +109,9 @@ def _check(sides):
 def run(row, stderr_path):
     """Warms every slice of both sides once (checking their output), then
     repeats. One repetition runs the slices of ours and the baseline in
-    pairs, alternating which goes first, so that a burst of other work on
-    the machine falls on both alike; its ratio is that of the sums."""
+    pairs, alternating which goes first, so that other work on the machine
+    weighs on both alike; its ratio is the median of the pairs' ratios, so
+    that a burst that hit one pair does not move it."""
     for side in row.ours + row.baseline:
         measure(side, stderr_path)
     _check(row.ours + row.baseline)
@@ -125,9 +126,10 @@ def run(row, stderr_path):
                 name = ("ours", "baseline")[which]
                 taken[name].append(measure(pair[which], stderr_path))
         ours, baseline = _merge(taken["ours"]), _merge(taken["baseline"])
-        row.reps.append({"ours": ours, "baseline": baseline,
-                         "cpu": ours.cpu_total / baseline.cpu_total,
-                         "wall": ours.wall / baseline.wall})
+        pairs = list(zip(taken["ours"], taken["baseline"]))
+        row.reps.append({"ours": ours, "baseline": baseline, "slices": pairs,
+                         "cpu": statistics.median(o.cpu_total / b.cpu_total for o, b in pairs),
+                         "wall": statistics.median(o.wall / b.wall for o, b in pairs)})
         say(f"   rep {r + 1}: cpu {_per_unit(ours.cpu_total, row.count)} vs "
             f"{_per_unit(baseline.cpu_total, row.count)} ({row.shown(row.reps[-1]['cpu']):.3f}),"
             f" wall {_per_unit(ours.wall, row.count)} vs {_per_unit(baseline.wall, row.count)}"
