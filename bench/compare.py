@@ -89,7 +89,8 @@ class Row:
 
 
 def _per_unit(seconds, count):
-    return f"{seconds / count * 1e6:.0f} us" if count > 1 else f"{seconds * 1e3:.2f} ms"
+    each = seconds / count
+    return f"{each * 1e6:.0f} us" if each < 0.01 else f"{each * 1e3:.2f} ms"
 
 
 def _merge(samples):

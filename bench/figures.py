@@ -250,14 +250,17 @@ class Bench:
                 if not filecmp.cmp(spool, original, shallow=False):
                     raise BenchError("the rewritten spool file differs")
             argv, env = router_stage_command(self, spool)
+            # Small sizes run several times per repetition, in turns, as
+            # the slices of the per-message figures do.
+            turns = max(1, min(self.options.slices, 64 // mib))
             ours = [Side([[Command("filter", argv, stdout=self.output("changed"), env=env)]],
-                         {"quelt-refd": refd.pid}, check=unchanged)]
+                         {"quelt-refd": refd.pid}, check=unchanged)] * turns
             baseline = [Side([[Command("cp", ["cp", part, copy])],
                               [Command("cp", ["cp", copy, target])],
-                              [Command("fsync", ["sync", target])]])]
+                              [Command("fsync", ["sync", target])]])] * turns
             row = Row(f"content_changed_{mib}mib",
                       f"content changed, {mib} MiB (baseline: two cp and one fsync)",
-                      ours, baseline, unit="run", throughput=False, judge="wall",
+                      ours, baseline, count=turns, unit="run", throughput=False, judge="wall",
                       target=("<=", 1.3) if mib >= 16 else None)
             self.figure(row)
             peak[mib] = self.peak_rss(argv, env)
