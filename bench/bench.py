@@ -111,32 +111,16 @@ def as_json(row):
     }
 
 
-def main():
-    options = arguments()
-    build_dir = build()
-    started = time.monotonic()
-    load_start = load_average()
-    work = tempfile.mkdtemp(prefix="vorex-bench.")
-    bench = figures.Bench(TOP, build_dir, work, options)
-    try:
-        bench.run_all()
-    finally:
-        bench.daemons.stop_all()
-        shutil.rmtree(work, ignore_errors=True)
-    load_end = load_average()
-    seconds = time.monotonic() - started
-    print(table(bench.rows, bench.singles))
-    for line in bench.notes:
-        print(line)
-    print(f"judged ratio marked *; spread: the interquartile range around the median; "
-          f"{os.cpu_count()} cores, load average {load_start} at the start and {load_end} "
-          f"at the end; temporary files in {os.path.dirname(work)}; {seconds:.0f} s")
+def write_results(bench, options, work, load_start, seconds, complete):
+    """bench/results.json: every repetition of every figure measured so far,
+    also when the bench ended early (complete false)."""
     commit = subprocess.run(["git", "-C", TOP, "rev-parse", "HEAD"], capture_output=True,
                             text=True).stdout.strip()
     results = {
-        "commit": commit, "cores": os.cpu_count(), "load_average": load_start,
-        "load_average_end": load_end, "temporary_directory": os.path.dirname(work),
-        "seconds": seconds, "settle": compare.SETTLE, "min_repetitions": compare.MIN_REPS,
+        "commit": commit, "complete": complete, "cores": os.cpu_count(),
+        "load_average": load_start, "load_average_end": load_average(),
+        "temporary_directory": os.path.dirname(work), "seconds": seconds,
+        "settle": compare.SETTLE, "min_repetitions": compare.MIN_REPS,
         "options": vars(options), "notes": bench.notes, "singles": bench.singles,
         "figures": [as_json(row) for row in bench.rows],
     }
@@ -144,6 +128,32 @@ def main():
         json.dump(results, out, indent=1)
         out.write("\n")
     say("(bench/results.json written)")
+
+
+def main():
+    options = arguments()
+    build_dir = build()
+    started = time.monotonic()
+    load_start = load_average()
+    work = tempfile.mkdtemp(prefix="vorex-bench.")
+    bench = figures.Bench(TOP, build_dir, work, options)
+    complete = False
+    try:
+        bench.run_all()
+        complete = True
+    finally:
+        bench.daemons.stop_all()
+        shutil.rmtree(work, ignore_errors=True)
+        seconds = time.monotonic() - started
+        if bench.rows or bench.singles:
+            write_results(bench, options, work, load_start, seconds, complete)
+    print(table(bench.rows, bench.singles))
+    for line in bench.notes:
+        print(line)
+    print(f"judged ratio marked *; spread: the interquartile range around the median; "
+          f"{os.cpu_count()} cores, load average {load_start} at the start and "
+          f"{load_average()} at the end; temporary files in {os.path.dirname(work)}; "
+          f"{seconds:.0f} s")
 
 
 if __name__ == "__main__":
