@@ -75,6 +75,11 @@ def prepare_entries(base, prefix, spool_paths, envelope_lines):
     """Daemon entries as the filter makes them: .envelope (the envelope
     lines envelope_lines keeps) and .msg (the message part). Returns the
     entry directories."""
+    msgs = os.path.join(base, "msgs")
+    if not os.path.isdir(msgs):
+        # As the filter makes it (sticky, 1770); it refuses any other.
+        os.mkdir(msgs)
+        os.chmod(msgs, 0o1770)
     entries = []
     for number, path in enumerate(spool_paths, 1):
         entry = os.path.join(base, "msgs", f"{prefix}.{number}")
