@@ -135,9 +135,9 @@ def main():
     build_dir = build()
     started = time.monotonic()
     load_start = load_average()
-    # Not "vorex-...": on a shared machine two bench runs lost their base
-    # directory or a filter while other checkouts' tests ran, whose
-    # clean-up may take /tmp/vorex-* as its own.
+    # Not "vorex-...": test runs of other checkouts on a shared machine clean
+    # up /tmp/vorex-* and what runs from there; two bench runs lost their
+    # base directory or a filter to that.
     work = tempfile.mkdtemp(prefix="zmbench.")
     bench = figures.Bench(TOP, build_dir, work, options)
     complete = False
