@@ -135,10 +135,7 @@ def main():
     build_dir = build()
     started = time.monotonic()
     load_start = load_average()
-    # Not "vorex-...": test runs of other checkouts on a shared machine clean
-    # up /tmp/vorex-* and what runs from there; two bench runs lost their
-    # base directory or a filter to that.
-    work = tempfile.mkdtemp(prefix="zmbench.")
+    work = tempfile.mkdtemp(prefix="vorex-bench.")
     bench = figures.Bench(TOP, build_dir, work, options)
     complete = False
     try:
