@@ -22,9 +22,18 @@ FARM_REVIVE = 2
 
 def router_stage_command(bench, spool):
     """The command the router stage runs for one message, as
-    examples/process.cf.snippet runs it: (argument vector, environment or
-    None for the bench's own)."""
-    return [bench.filter, *bench.filter_args, "--file", spool, "--hash", SECRET], None
+    examples/process.cf.snippet runs it: the adapter's --file, which starts
+    the filter with the site's options and the secret in its environment.
+    (argument vector, environment or None for the bench's own)."""
+    conf = os.path.join(bench.work, "router.conf")
+    secret = os.path.join(bench.work, "router-secret")
+    if not os.path.exists(conf):
+        # The options file has no quoting: the filter runs as nobody.
+        write_lines(conf, ["--user", "nobody", "--level", "info", "--log-filename",
+                           os.path.join(bench.work, "zmailer.log"), "--basedir", bench.base])
+        write_lines(secret, [SECRET])
+    return [bench.tool("vorex-zmailer-filter"), "--config", conf, "--filter", bench.filter,
+            "--secret-file", secret, "--file", spool], None
 
 
 class Bench:
