@@ -93,15 +93,11 @@ void Release(const Options& options, const std::string& name)
     // Every refusal comes before a byte is queued.
     const RouterQueue queue = FindRouterQueue(options.zmailerConf);
     const MsgsDir msgs(options.basedir);
-    KeptEntry entry;
-    const std::string fault = OpenEntryDirectory(msgs, name, entry);
-    if (!fault.empty())
-        throw std::logic_error("refused, nothing touched: " + fault);
+    const KeptEntry entry = OpenOrThrow(msgs, name);
     const KeptRecord record = ReadKeptRecord(entry, msgs.path + "/" + name);
     // The record is what goes out; an envelope that no longer agrees with
     // it means the account has been at the entry, and the admin should know.
-    const KeptEntry view = OpenOrThrow(msgs, name);
-    if (view.sender != record.sender || view.recipients != record.recipients)
+    if (entry.sender != record.sender || entry.recipients != record.recipients)
         throw std::logic_error("refused, nothing sent: " + msgs.path + "/" + name +
                                "/.envelope no longer says what the filter recorded");
     std::vector<std::string> recipients;
