@@ -36,6 +36,15 @@ def router_stage_command(bench, spool):
             "--secret-file", secret, "--file", spool], None
 
 
+def expect_lines(path, wanted, count, complaint):
+    """Raises BenchError (complaint formatted with got and want) unless
+    count lines of the file at path are wanted."""
+    with open(path) as text:
+        got = sum(1 for line in text if wanted(line))
+    if got != count:
+        raise BenchError(complaint.format(got=got, want=count))
+
+
 class Bench:
     def __init__(self, top, build, work, options):
         self.top, self.build, self.work, self.options = top, build, work, options
@@ -350,12 +359,8 @@ class Bench:
                                          "--no-summary", *files], stdout=self.output(output))
 
         def all_ok(output, count):
-            def check():
-                with open(self.output(output)) as text:
-                    ok = sum(1 for line in text if line.endswith(": OK\n"))
-                if ok != count:
-                    raise BenchError(f"clamdscan found {ok} of {count} files clean")
-            return check
+            return lambda: expect_lines(self.output(output), lambda line: line.endswith(": OK\n"),
+                                        count, "clamdscan found {got} of {want} files clean")
 
         def scans(name, files):
             return self.sliced(name, files, lambda tag, part, listed: Side(
@@ -560,12 +565,9 @@ class Bench:
                            stdout=self.output(tag))
 
         def no_action(tag, count):
-            def check():
-                with open(self.output(tag)) as answers:
-                    got = sum(1 for line in answers if line.startswith("Action: no action"))
-                if got != count:
-                    raise BenchError(f"rspamc answered 'no action' {got} times, want {count}")
-            return check
+            return lambda: expect_lines(
+                self.output(tag), lambda line: line.startswith("Action: no action"), count,
+                "rspamc answered 'no action' {got} times, want {want}")
         alone = self.sliced("rspamc", emls, lambda tag, part, listed: Side(
             [[rspamc(tag, part)]], {"rspamd": rspamd.pid}, check=no_action(tag, len(part))))
         refd_entries = self.entry_sides("rspamd-entries", entries, with_refd)
