@@ -74,7 +74,7 @@ protected:
         for (int waited = 0; waited < ChildProcess::BoundMs; waited += 20) {
             if (fs::directory_iterator(Basedir + "msgs") != fs::directory_iterator())
                 for (const auto& proc : fs::directory_iterator("/proc"))
-                    if (ReadFile(proc.path().string() + "/comm") == "vorex-zmailer\n")
+                    if (ReadProc(proc.path().string() + "/comm") == "vorex-zmailer\n")
                         return std::atoi(proc.path().filename().c_str());
             (void)::poll(nullptr, 0, 20);
         }

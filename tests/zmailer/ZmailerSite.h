@@ -130,11 +130,25 @@ inline void LeaveInstalledView()
     fs::remove_all(ViewDir(), ignored);
 }
 
+// A file of /proc, "" when its process is gone (a read then fails with
+// ESRCH, which a stream would throw for).
+inline std::string ReadProc(const std::string& path)
+{
+    std::string text;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    char block[4096];
+    for (ssize_t count; fd >= 0 && (count = ::read(fd, block, sizeof block)) > 0;)
+        text.append(block, static_cast<std::size_t>(count));
+    if (fd >= 0)
+        ::close(fd);
+    return text;
+}
+
 // Every process below pid (pid included), children first.
 inline void Descendants(pid_t pid, std::vector<pid_t>& found)
 {
     std::istringstream children(
-        ReadFile("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children"));
+        ReadProc("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children"));
     for (pid_t child; children >> child;)
         Descendants(child, found);
     found.push_back(pid);
@@ -142,7 +156,7 @@ inline void Descendants(pid_t pid, std::vector<pid_t>& found)
 
 inline bool Alive(pid_t pid)
 {
-    const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+    const std::string stat = ReadProc("/proc/" + std::to_string(pid) + "/stat");
     const std::size_t state = stat.rfind(')');
     return state != std::string::npos && stat.compare(state, 4, ") Z ") != 0;
 }
