@@ -9,6 +9,7 @@
 // byte is safe.
 #include "platform/receiver/RfUtils.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace
@@ -399,14 +400,26 @@ void RfUtils::MakeAddress(std::string& text)
         return;
     }
     // Names no address the normaliser can read: the text itself, so that a
-    // malformed sender never passes for the null sender of a bounce.
+    // malformed sender never passes for the null sender of a bounce. Text
+    // that would read as more than one address (a separator, a bracket, a
+    // second '@', a quote or backslash of its own) goes in as one quoted
+    // string, so that the record still holds one address.
     const std::string kept = Trimmed(text);
-    if (kept.empty() || kept == "<>")
+    const bool bracketed = kept.size() >= 2 && kept.front() == '<' && kept.back() == '>';
+    const std::string inner = bracketed ? kept.substr(1, kept.size() - 2) : kept;
+    if (inner.empty()) {
         text = "<>";
-    else if (kept.size() >= 2 && kept.front() == '<' && kept.back() == '>')
-        text = kept;
-    else
-        text = "<" + kept + ">";
+        return;
+    }
+    const bool plain = inner.find_first_of(",;<>\"\\") == std::string::npos &&
+                       std::count(inner.begin(), inner.end(), '@') <= 1;
+    std::string quoted = "\"";
+    for (char c : inner) {
+        if (c == '"' || c == '\\')
+            quoted += '\\';
+        quoted += c;
+    }
+    text = "<" + (plain ? inner : quoted + "\"") + ">";
 }
 
 std::vector<std::string> RfUtils::MakeAddressList(const std::string& list)

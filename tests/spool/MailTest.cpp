@@ -31,12 +31,14 @@ TEST(AddressForm, EnvelopeAndFromTextBecomeOneBareAddressInBrackets)
         {"a@x, b@y", "<a@x>"},
         {"", "<>"},
         {"<>\n", "<>"},
-        {"undisclosed-recipients:;", "<undisclosed-recipients:;>"},
+        // Text that would read as several addresses stays one, quoted.
+        {"undisclosed-recipients:;", "<\"undisclosed-recipients:;\">"},
+        {"<", "<\"<\">"},
         {"x\"y@x.example\n", "<x\"y@x.example>"},
         {"<a@[1.2.3.4>\n", "<a@[1.2.3.4>"},
         {"\"Doe <a@x.example>", "<a@x.example>"},
         {"(a@x.example", "<(a@x.example>"},
-        {"a@b@c", "<a@b@c>"},
+        {"a@b@c", "<\"a@b@c\">"},
         {Literal("\xff\0\x80 <a@b> \x01"), "<a@b>"},
     };
     for (const auto& row : rows) {
