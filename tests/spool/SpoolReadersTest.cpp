@@ -207,7 +207,7 @@ TEST(HeaderScanner, StrayOpenersStayInTheirItemAndMalformedSendersKeepTheirText)
         {"from x\"y@x.example\n" + toOnly, "", "<x\"y@x.example> to <b@y>"},
         {"from <a@[1.2.3.4>\nto x\"y@x.example\nenv-end\n", "", "<a@[1.2.3.4> to <x\"y@x.example>"},
         {toOnly, "From: \"Doe <a@x.example>\n\n", "<a@x.example> to <b@y>"},
-        {toOnly, "From: a@b@c.example\n\n", "<a@b@c.example> to <b@y>"},
+        {toOnly, "From: a@b@c.example\n\n", "<\"a@b@c.example\"> to <b@y>"},
     };
     for (const auto& row : rows) {
         const std::string before = row.envelope + row.headers + "body\n";
